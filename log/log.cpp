@@ -1,0 +1,172 @@
+#include "log/log.h"
+
+#include <cerrno>
+#include <ctime>
+
+#include <syslog.h>
+
+namespace
+{
+constexpr int kDefaultThreshold = Logger::WARNING;
+constexpr size_t kStampBytes = 512;
+
+// Gives the caller's errno back when the logger is done, and on the way to every "%m".
+class ErrnoKeeper
+{
+public:
+    ~ErrnoKeeper() { restore(); }
+    void restore() const { errno = m_errno; }
+    int value() const { return m_errno; }
+
+private:
+    const int m_errno = errno;
+};
+
+// The local time with a blank behind it. Made once a second, because the look-up of the time zone costs a
+// system call; each thread keeps its own, because not every sink is locked.
+const char *TimeStamp()
+{
+    thread_local char stamp[kStampBytes] = "";
+    thread_local time_t stampSecond = -1;
+
+    const time_t now = time(nullptr);
+    if (now != stampSecond) {
+        tzset();
+        tm local = {};
+        localtime_r(&now, &local);
+        strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S ", &local);
+        stampSecond = now;
+    }
+    return stamp;
+}
+} // namespace
+
+// The start state is deliberate: "initialised", a type that is written with a time stamp, and standard error.
+// It is what makes early messages visible.
+bool Logger::log_initialized = true;
+Logger::InitConfig Logger::config;
+FILE *Logger::log_fp = stderr;
+std::string Logger::log_path;
+std::unordered_map<std::string, int> Logger::log_level;
+std::unique_ptr<std::mutex> Logger::log_lock;
+
+int Logger::GetCompLevel(const std::string &component)
+{
+    const auto found = log_level.find(component);
+    return found != log_level.end() ? found->second : kDefaultThreshold;
+}
+
+bool Logger::IsNeedToLog(Level level, const std::string &component)
+{
+    return log_initialized && level <= GetCompLevel(component);
+}
+
+void Logger::LogMsg(Level level, const std::string &component, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    LogMsg2(level, component, format, args);
+    va_end(args);
+}
+
+void Logger::LogMsg2(Level level, const std::string &component, const char *format, va_list args)
+{
+    const ErrnoKeeper callerErrno;
+    if (!IsNeedToLog(level, component)) {
+        return;
+    }
+
+    Lock();
+    // Only under the lock is it certain whether there is a stream: a rotation closes and opens it.
+    ReloadLogFile();
+    if (config.type == TYPE_SYSLOG || log_fp != nullptr) {
+        callerErrno.restore();
+        RotateIfFileBig(WriteToSink(format, args));
+    }
+    Unlock();
+}
+
+void Logger::LogMsg3(Level level, const std::string &component, std::stringstream &text, ConfigFlag flags)
+{
+    const ErrnoKeeper callerErrno;
+    const bool withErrno = (flags & FLAG_ERRNO) != 0 && callerErrno.value() != 0;
+    const bool withNewline = (flags & FLAG_NEWLINE) != 0;
+
+    if (withErrno) {
+        text << ", err=" << std::to_string(callerErrno.value()) << ":";
+    }
+    const std::string whole = text.str();
+    callerErrno.restore();
+    if (withErrno) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat" // "%m" is the C library's, not the language standard's
+        LogMsg(level, component, withNewline ? "%s%m\n" : "%s%m", whole.c_str());
+#pragma GCC diagnostic pop
+    } else {
+        LogMsg(level, component, withNewline ? "%s\n" : "%s", whole.c_str());
+    }
+}
+
+void LogMSG_c(int level, const char *component, const char *format, va_list args)
+{
+    Logger::LogMsg2(static_cast<Logger::Level>(level), component, format, args);
+}
+
+int Logger::WriteToSink(const char *format, va_list args)
+{
+    switch (config.type) {
+    case TYPE_SYSLOG:
+        // One priority for every level: the level is read from the tag in the text.
+        vsyslog(LOG_ERR, format, args);
+        return 0;
+    case TYPE_STDOUT:
+    case TYPE_STDERR:
+    case TYPE_FILE:
+        return PrintToFilePointerV(format, args);
+    }
+    vfprintf(stderr, format, args);
+    return 0;
+}
+
+int Logger::PrintToFilePointer(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int written = PrintToFilePointerV(format, args);
+    va_end(args);
+    return written;
+}
+
+int Logger::PrintToFilePointerV(const char *format, va_list args)
+{
+    const ErrnoKeeper callerErrno;
+    if (log_fp == nullptr) {
+        return 0;
+    }
+    const int stampBytes = fprintf(log_fp, "%s", TimeStamp());
+    callerErrno.restore();
+    const int messageBytes = vfprintf(log_fp, format, args);
+    FlushFileStream(0);
+    return stampBytes + messageBytes;
+}
+
+void Logger::FlushFileStream(long)
+{
+    if (log_fp != nullptr) {
+        fflush(log_fp);
+    }
+}
+
+void Logger::Lock()
+{
+    if (log_lock) {
+        log_lock->lock();
+    }
+}
+
+void Logger::Unlock()
+{
+    if (log_lock) {
+        log_lock->unlock();
+    }
+}

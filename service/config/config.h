@@ -1,0 +1,39 @@
+#ifndef BRIMLOCK_SERVICE_CONFIG_CONFIG_H
+#define BRIMLOCK_SERVICE_CONFIG_CONFIG_H
+
+#include <map>
+#include <string>
+
+// A file of "key=value" lines. A value may stand in single or double quotes; "#" starts a comment before a
+// key or after a value. The grammar is strict: one malformed line makes the whole file unreadable.
+class Config
+{
+public:
+    // Adds the file's pairs, a later line of the same key replacing an earlier one. Returns 0, or -1 when the
+    // path is empty or cannot be opened (nothing changes) or a line is malformed (no pair is left, not even
+    // one of an earlier read). Logs nothing.
+    int read(const std::string &path);
+
+    // The key's value; a missing key is added with an empty one.
+    std::string &operator[](const std::string &key) { return m_entries[key]; }
+
+    // All pairs, in byte order of their keys.
+    const std::map<std::string, std::string> &entries() const { return m_entries; }
+
+    // Parses one line, writing into it. Returns 0 for a pair, 1 for a blank or comment line, 2 for a
+    // malformed one; `key` and `value` are set only with 0.
+    int parse(char *line, std::string &key, std::string &value) const;
+
+    // When set, a quoted value keeps its quotes.
+    bool keep_quotes = false;
+
+private:
+    std::map<std::string, std::string> m_entries;
+};
+
+// The classes of bytes that a line is made of.
+bool is_key_char(unsigned char byte);
+bool is_value_char(unsigned char byte); // bytes from 0x80 too, so UTF-8 passes
+bool is_space(unsigned char byte);
+
+#endif
