@@ -1,0 +1,327 @@
+// Copying, creating, moving, removing and flushing.
+
+#include "fileop/file-op.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "fileop/file-op-internal.h"
+#include "log/log.h"
+
+namespace
+{
+constexpr size_t kCopyBytes = 8192;
+constexpr mode_t kNewFileMode = 0644;
+constexpr mode_t kNewFolderMode = 0777;
+
+class ScopedFd
+{
+public:
+    explicit ScopedFd(int fd) : m_fd(fd) {}
+    ~ScopedFd()
+    {
+        if (valid()) {
+            close(m_fd);
+        }
+    }
+    ScopedFd(const ScopedFd &) = delete;
+    ScopedFd &operator=(const ScopedFd &) = delete;
+
+    bool valid() const { return m_fd >= 0; }
+    int get() const { return m_fd; }
+
+private:
+    const int m_fd;
+};
+
+struct DirCloser {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+using ScopedDir = std::unique_ptr<DIR, DirCloser>;
+
+bool IsFolder(const std::string &path)
+{
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// mkdir(2), content with a folder that is there already. Otherwise errno is mkdir's.
+bool MakeFolder(const std::string &path)
+{
+    if (mkdir(path.c_str(), kNewFolderMode) == 0) {
+        return true;
+    }
+    const int mkdirErrno = errno;
+    if (mkdirErrno == EEXIST && IsFolder(path)) {
+        return true;
+    }
+    errno = mkdirErrno;
+    return false;
+}
+
+// The folder at `prefix`, one of the levels of an FSMKDir(). Returns false with errno set.
+bool MakeLevel(const std::string &prefix, bool isLast)
+{
+    struct stat status = {};
+    if (stat(prefix.c_str(), &status) != 0) {
+        return MakeFolder(prefix);
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return true;
+    }
+    if (isLast) {
+        errno = EEXIST;
+        LOGGER_INFO(kFileOpComponent,
+                    "FSMKDirP: path: %s is existing file or symbolic link pointed to file\n", prefix.c_str());
+        return false;
+    }
+    // Log readers know this text, although the entry is no folder: the next level fails with ENOTDIR.
+    LOGGER_INFO(kFileOpComponent, "FSMKDirP: path: %s is symbolic link pointed to folder\n", prefix.c_str());
+    return true;
+}
+
+bool MakeAllLevels(const std::string &path)
+{
+    for (size_t end = 0;;) {
+        end = std::min(path.find('/', end + 1), path.size());
+        const bool isLast = end + 1 >= path.size(); // a trailing "/" makes no level of its own
+        if (!MakeLevel(path.substr(0, end), isLast)) {
+            return false;
+        }
+        if (isLast) {
+            return true;
+        }
+    }
+}
+
+// Returns 0, -1 or, when the disk is full or over quota, -2.
+int WriteAll(int fd, const char *bytes, size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = write(fd, bytes, size);
+        if (written <= 0) {
+            const int result = errno == ENOSPC || errno == EDQUOT ? -2 : -1;
+            LOGGER_ERROR(kFileOpComponent, "CopyFile: write: %s (%d)\n", strerror(errno), errno);
+            return result;
+        }
+        bytes += written;
+        size -= static_cast<size_t>(written);
+    }
+    return 0;
+}
+
+int CopyBytes(int in, int out)
+{
+    char buffer[kCopyBytes];
+    for (;;) {
+        const ssize_t size = read(in, buffer, sizeof buffer);
+        if (size < 0) {
+            LOGGER_ERROR(kFileOpComponent, "CopyFile: read: %s (%d)\n", strerror(errno), errno);
+            return -1;
+        }
+        if (size == 0) {
+            return 0;
+        }
+        const int result = WriteAll(out, buffer, static_cast<size_t>(size));
+        if (result != 0) {
+            return result;
+        }
+    }
+}
+
+// Opens a file for FSCopy(), which logs under its older name.
+int OpenForCopy(const std::string &path, int flags, mode_t mode)
+{
+    const int fd = open(path.c_str(), flags | O_CLOEXEC, mode);
+    if (fd < 0) {
+        LOGGER_ERROR(kFileOpComponent, "CopyFile: open(%s): %s (%d)\n", path.c_str(), strerror(errno), errno);
+    }
+    return fd;
+}
+
+// Moves a folder to another file system, entry by entry.
+int MoveFolder(const std::string &src, const std::string &dst, bool followLink)
+{
+    if (FSMKDir(dst, true) != 0) {
+        return -3;
+    }
+    ScopedDir dir(opendir(src.c_str()));
+    if (!dir) {
+        return -3;
+    }
+    while (const dirent *entry = readdir(dir.get())) {
+        if (IsDotEntry(entry->d_name)) {
+            continue;
+        }
+        const std::string name = std::string("/") + entry->d_name;
+        if (FSRename(src + name, dst + name, followLink) != 0) {
+            return -3;
+        }
+    }
+    dir.reset();
+    return remove(src.c_str()) == 0 ? 0 : -3;
+}
+} // namespace
+
+int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bool keepMode)
+{
+    const ScopedFd in(OpenForCopy(src, O_RDONLY, 0));
+    if (!in.valid()) {
+        return -1;
+    }
+    mode_t mode = kNewFileMode;
+    if (keepMode) {
+        _FILE_INFO_tag info;
+        if (FSStat(src, info, true) < 0) {
+            LOGGER_ERROR(kFileOpComponent, "FSStat: check state (%s) failed\n", src.c_str());
+            return -1;
+        }
+        mode = info.mode;
+    }
+    const ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
+    if (!out.valid()) {
+        return -1;
+    }
+    const int result = CopyBytes(in.get(), out.get());
+    if (result != 0 || !removeSource) {
+        return result;
+    }
+    return remove(src.c_str()) == 0 ? 0 : -1;
+}
+
+int FSMKDir(const std::string &path, bool recursive)
+{
+    if (path.empty()) {
+        return -1;
+    }
+    _FILE_INFO_tag info;
+    if (GetFileInfo(path, info) != 0) {
+        LOGGER_ERROR(kFileOpComponent, "FSMKDir: Failed to to file info '%s'\n", path.c_str());
+        return -1;
+    }
+    if (info.exists) {
+        if (info.type == FS_TYPE_DIR) {
+            return 0;
+        }
+        LOGGER_ERROR(kFileOpComponent,
+                     "FSMKDir: Create a folder but local file system is not directory '%s' (%d)\n",
+                     path.c_str(), static_cast<int>(info.type));
+        return -1;
+    }
+    if (recursive ? MakeAllLevels(path) : MakeFolder(path)) {
+        return 0;
+    }
+    LOGGER_ERROR(kFileOpComponent, "path = %s errno : %s\n", path.c_str(), strerror(errno));
+    return -2;
+}
+
+int FSMKDirFromRoot(const std::string &target, const std::string &root)
+{
+    if (root.size() > target.size()) {
+        LOGGER_ERROR(kFileOpComponent, "Giving a root '%s' whose length is larger then target's '%s'.\n",
+                     root.c_str(), target.c_str());
+        return -1;
+    }
+    if (!FSIsParentFolder(root, target)) {
+        LOGGER_ERROR(kFileOpComponent, "root '%s' is not a parent folder of target '%s'\n", root.c_str(),
+                     target.c_str());
+        return -1;
+    }
+    const std::string relative = target.substr(root.size());
+    std::string level;
+    while (level.size() != relative.size()) {
+        level = relative.substr(0, relative.find('/', level.size() + 1));
+        LOGGER_DEBUG(kFileOpComponent, "FSMKDirFromRoot: create %s\n", level.c_str());
+        if (FSMKDir(root + level, false) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int FSRename(const std::string &src, const std::string &dst, bool followLink)
+{
+    if (src.empty() || dst.empty()) {
+        return -1;
+    }
+    _FILE_INFO_tag info;
+    if (FSStat(src, info, followLink) < 0 || !info.exists) {
+        return -2;
+    }
+    if (rename(src.c_str(), dst.c_str()) == 0) {
+        return 0;
+    }
+    if (errno == ENAMETOOLONG) {
+        return -100;
+    }
+    if (errno != EXDEV) {
+        return -3;
+    }
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat" // "%m" is the C library's, not the language standard's
+    LOGGER_DEBUG(kFileOpComponent, "rename failed: %s -> %s, %m (%d)\n", src.c_str(), dst.c_str(), errno);
+#pragma GCC diagnostic pop
+    switch (info.type) {
+    case FS_TYPE_FILE:
+        return FSCopy(src, dst, true, false) < 0 ? -3 : 0;
+    case FS_TYPE_DIR:
+        return MoveFolder(src, dst, followLink);
+    default:
+        return -3;
+    }
+}
+
+int FSRemove(const std::string &path, bool)
+{
+    _FILE_INFO_tag info;
+    if (path.empty() || GetFileInfo(path, info) != 0) {
+        return -1;
+    }
+    if (!info.exists) {
+        return 0;
+    }
+    if (info.type == FS_TYPE_DIR) {
+        ScopedDir dir(opendir(path.c_str()));
+        if (!dir) {
+            return 0; // callers rely on it: what may not be looked into is not theirs to remove
+        }
+        while (const dirent *entry = readdir(dir.get())) {
+            if (!IsDotEntry(entry->d_name) && FSRemove(path + "/" + entry->d_name, false) != 0) {
+                return -3;
+            }
+        }
+    }
+    return remove(path.c_str()) == 0 ? 0 : -3;
+}
+
+int FSFsync(const std::string &path)
+{
+    const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
+        if (errno == ENOENT) {
+            return 1;
+        }
+        LOGGER_ERROR(kFileOpComponent, "FSFsync: open(%s): %s (%d)\n", path.c_str(), strerror(errno), errno);
+        return -1;
+    }
+    if (fsync(file.get()) != 0) {
+        LOGGER_ERROR(kFileOpComponent, "FSFsync: fsync(%s): %s (%d)\n", path.c_str(), strerror(errno), errno);
+        return -1;
+    }
+    return 0;
+}
+
+int FSUTime(const std::string &path, int64_t atime, int64_t mtime)
+{
+    const timeval times[2] = {{atime, 0}, {mtime, 0}};
+    return lutimes(path.c_str(), times);
+}

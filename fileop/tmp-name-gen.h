@@ -1,0 +1,31 @@
+#ifndef BRIMLOCK_FILEOP_TMP_NAME_GEN_H
+#define BRIMLOCK_FILEOP_TMP_NAME_GEN_H
+
+#include <cstdint>
+#include <mutex>
+#include <random>
+#include <string>
+
+// Makes up random names of eight letters, digits, "-" and "_". Any thread may ask. Throws only what the
+// standard library throws when there is no random device or no lock to be had.
+class TmpNameGen
+{
+public:
+    static TmpNameGen *getInstance();
+
+    // Starts a new sequence from the system's random device.
+    void reseed();
+
+    std::string getTmpName();
+
+    // The folder, "/" and a name. Nothing is created and nobody checks that the name is free.
+    std::string getTmpPath(const std::string &folder);
+
+private:
+    TmpNameGen() { reseed(); }
+
+    std::mutex m_mutex;
+    std::linear_congruential_engine<uint64_t, 16807, 0, 2147483647> m_engine;
+};
+
+#endif
