@@ -1,0 +1,21 @@
+#ifndef BRIMLOCK_FCT_QT_VELTRANO_LOCALE_H
+#define BRIMLOCK_FCT_QT_VELTRANO_LOCALE_H
+
+#include <QString>
+
+// The language of the user interface.
+class VeltranoLocale
+{
+public:
+    static VeltranoLocale *getInstance();
+
+    // One of the 21 three-letter codes, "enu" for everything that is not among them. Follows the environment
+    // as gettext does: the first of LC_ALL, LC_MESSAGES and LANG that is set names the locale; unless that is
+    // "C", the languages listed in LANGUAGE come before it. The first one that has a code wins.
+    QString getDefaultLanguage() const;
+
+private:
+    VeltranoLocale() = default;
+};
+
+#endif
