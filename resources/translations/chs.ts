@@ -1,0 +1,19 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="zh_CN" sourcelanguage="en_US">
+<context>
+    <name>global</name>
+    <message>
+        <source>%1 is ready.</source>
+        <translation>%1已就绪。</translation>
+    </message>
+    <message>
+        <source>%1 is initializing...</source>
+        <translation>正在初始化 %1…</translation>
+    </message>
+    <message>
+        <source>Brimlock Client</source>
+        <translation>Brimlock 客户端</translation>
+    </message>
+</context>
+</TS>

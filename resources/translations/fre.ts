@@ -1,0 +1,19 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="fr_FR" sourcelanguage="en_US">
+<context>
+    <name>global</name>
+    <message>
+        <source>%1 is ready.</source>
+        <translation>Le %1 est prêt.</translation>
+    </message>
+    <message>
+        <source>%1 is initializing...</source>
+        <translation>Initialisation du %1…</translation>
+    </message>
+    <message>
+        <source>Brimlock Client</source>
+        <translation>Client Brimlock</translation>
+    </message>
+</context>
+</TS>

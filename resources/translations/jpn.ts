@@ -1,0 +1,19 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="ja_JP" sourcelanguage="en_US">
+<context>
+    <name>global</name>
+    <message>
+        <source>%1 is ready.</source>
+        <translation>%1の準備ができました。</translation>
+    </message>
+    <message>
+        <source>%1 is initializing...</source>
+        <translation>%1を初期化しています…</translation>
+    </message>
+    <message>
+        <source>Brimlock Client</source>
+        <translation>Brimlock クライアント</translation>
+    </message>
+</context>
+</TS>

@@ -1,0 +1,19 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="nl_NL" sourcelanguage="en_US">
+<context>
+    <name>global</name>
+    <message>
+        <source>%1 is ready.</source>
+        <translation>%1 is gereed.</translation>
+    </message>
+    <message>
+        <source>%1 is initializing...</source>
+        <translation>%1 wordt geïnitialiseerd…</translation>
+    </message>
+    <message>
+        <source>Brimlock Client</source>
+        <translation>Brimlock-client</translation>
+    </message>
+</context>
+</TS>

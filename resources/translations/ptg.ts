@@ -1,0 +1,19 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="pt_PT" sourcelanguage="en_US">
+<context>
+    <name>global</name>
+    <message>
+        <source>%1 is ready.</source>
+        <translation>O %1 está pronto.</translation>
+    </message>
+    <message>
+        <source>%1 is initializing...</source>
+        <translation>A inicializar o %1...</translation>
+    </message>
+    <message>
+        <source>Brimlock Client</source>
+        <translation>Cliente Brimlock</translation>
+    </message>
+</context>
+</TS>

@@ -1,0 +1,19 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="sv_SE" sourcelanguage="en_US">
+<context>
+    <name>global</name>
+    <message>
+        <source>%1 is ready.</source>
+        <translation>%1 är redo.</translation>
+    </message>
+    <message>
+        <source>%1 is initializing...</source>
+        <translation>Initierar %1&#xa0;…</translation>
+    </message>
+    <message>
+        <source>Brimlock Client</source>
+        <translation>Brimlock-klient</translation>
+    </message>
+</context>
+</TS>

@@ -1,0 +1,19 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="th_TH" sourcelanguage="en_US">
+<context>
+    <name>global</name>
+    <message>
+        <source>%1 is ready.</source>
+        <translation>%1 พร้อมใช้งานแล้ว</translation>
+    </message>
+    <message>
+        <source>%1 is initializing...</source>
+        <translation>กำลังเตรียมใช้งาน%1...</translation>
+    </message>
+    <message>
+        <source>Brimlock Client</source>
+        <translation>ไคลเอ็นต์ Brimlock</translation>
+    </message>
+</context>
+</TS>
