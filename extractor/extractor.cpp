@@ -1,0 +1,198 @@
+#include "extractor/extractor.h"
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include "launcher/notify/notify-adapter.h"
+#include "launcher/strings/str-table.h"
+#include "log/log.h"
+
+namespace
+{
+constexpr char kComponent[] = "extractor_debug";
+constexpr size_t kBlockBytes = 10240;
+constexpr int kDiskOptions =
+    ARCHIVE_EXTRACT_UNLINK | ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_MAC_METADATA;
+
+struct ReaderDeleter {
+    void operator()(archive *reader) const { archive_read_free(reader); }
+};
+struct WriterDeleter {
+    void operator()(archive *writer) const { archive_write_free(writer); }
+};
+using Reader = std::unique_ptr<archive, ReaderDeleter>;
+using Writer = std::unique_ptr<archive, WriterDeleter>;
+
+// Returns false with the reader's error set. A FIFO is refused: opening one would wait for a writer without
+// end.
+bool Open(archive *reader, const std::string &source)
+{
+    archive_read_support_filter_all(reader);
+    archive_read_support_format_all(reader);
+
+    struct stat info = {};
+    if (!source.empty() && stat(source.c_str(), &info) == 0 && S_ISFIFO(info.st_mode)) {
+        archive_set_error(reader, EINVAL, "'%s' is a FIFO", source.c_str());
+        return false;
+    }
+    return archive_read_open_filename(reader, source.c_str(), kBlockBytes) == ARCHIVE_OK;
+}
+
+// Why an entry could not be written: the writer's error, or the reader's when that is where it failed.
+const char *WriteFailure(archive *writer, archive *reader)
+{
+    const char *text = archive_error_string(writer);
+    return text != nullptr ? text : archive_error_string(reader);
+}
+
+// A reader for Count() and List(); null, and logged, when the source cannot be opened.
+Reader OpenForReading(const std::string &source)
+{
+    Reader reader(archive_read_new());
+    if (!reader) {
+        LOGGER_ERROR(kComponent, "Allocate archive failed\n");
+        return reader;
+    }
+    if (!Open(reader.get(), source)) {
+        LOGGER_ERROR(kComponent, "archive_read_open_filename failed: '%s'\n",
+                     archive_error_string(reader.get()));
+        reader.reset();
+    }
+    return reader;
+}
+} // namespace
+
+int Extractor::Count()
+{
+    if (m_target.empty() || m_source.empty()) {
+        LOGGER_ERROR(kComponent, "Invalid argument\n");
+        return -1;
+    }
+    const Reader reader = OpenForReading(m_source);
+    if (!reader) {
+        return -1;
+    }
+    int count = 0;
+    archive_entry *entry = nullptr;
+    while (archive_read_next_header(reader.get(), &entry) == ARCHIVE_OK) {
+        ++count;
+        archive_read_data_skip(reader.get());
+    }
+    return count;
+}
+
+int Extractor::List()
+{
+    if (m_target.empty() || m_source.empty()) {
+        // No return: with an empty source the listing of what comes in on standard input is relied on.
+        LOGGER_ERROR(kComponent, "Invalid argument\n");
+    }
+    const Reader reader = OpenForReading(m_source);
+    if (!reader) {
+        return -1;
+    }
+    archive_entry *entry = nullptr;
+    while (archive_read_next_header(reader.get(), &entry) == ARCHIVE_OK) {
+        const char *name = archive_entry_pathname(entry);
+        std::cout << (name != nullptr ? name : "") << std::endl;
+        archive_read_data_skip(reader.get());
+    }
+    archive_read_close(reader.get());
+    return 0;
+}
+
+int Extractor::Extract()
+{
+    if (m_source.empty() || m_target.empty()) {
+        LOGGER_ERROR(kComponent, "Invalid Argument\n");
+        return -1;
+    }
+    LOGGER_DEBUG(kComponent, "decompress from '%s' to '%s'\n", m_source.c_str(), m_target.c_str());
+
+    // Said before the archive is touched: the label shows also when extraction fails at once.
+    Notify_Adapter::GetInstance()->UpdateDialogText(
+        StrTable::LoadStr(StrTable::CLIENT_INITIALIZING)
+            .arg(StrTable::LoadStr(StrTable::CLIENT_NAME), 0, QLatin1Char(' ')));
+
+    const int total = Count();
+    if (total < 1) {
+        LOGGER_ERROR(kComponent, "Failed to calculate total file numbers, ret: %d\n", total);
+        return -1;
+    }
+    const Reader reader(archive_read_new());
+    const Writer writer(archive_write_disk_new());
+    if (!reader || !writer) {
+        LOGGER_ERROR(kComponent, "Allocate extractor failed\n");
+        return -1;
+    }
+    archive_write_disk_set_options(writer.get(), kDiskOptions);
+    if (!Open(reader.get(), m_source)) {
+        LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", m_source.c_str(),
+                     archive_error_string(reader.get()));
+        return -1;
+    }
+    return ExtractEntries(reader.get(), writer.get(), total);
+}
+
+int Extractor::ExtractEntries(archive *reader, archive *writer, int total)
+{
+    for (int done = 1;; ++done) {
+        archive_entry *entry = nullptr;
+        const int result = archive_read_next_header(reader, &entry);
+        if (result == ARCHIVE_EOF) {
+            return 0;
+        }
+        if (result != ARCHIVE_OK) {
+            LOGGER_ERROR(kComponent, "archive_read_next_header failed: '%s'\n", archive_error_string(reader));
+            return -1;
+        }
+        const char *name = archive_entry_pathname(entry);
+        if (name == nullptr) {
+            LOGGER_ERROR(kComponent,
+                         "archive_entry_pathname failed"); // log readers know it without a line end
+            return -1;
+        }
+        archive_entry_set_pathname(entry, (m_target + "/" + name).c_str());
+        if (archive_read_extract2(reader, entry, writer) != ARCHIVE_OK) {
+            LOGGER_ERROR(kComponent, "archive_read_extract2 failed: '%s'\n", WriteFailure(writer, reader));
+            return -1;
+        }
+        Notify_Adapter::GetInstance()->UpdateProgress(total, done);
+        if (archive_write_finish_entry(writer) != ARCHIVE_OK) {
+            LOGGER_ERROR(kComponent, "archive_write_finish_entry failed: '%s'\n",
+                         archive_error_string(writer));
+            return -1;
+        }
+    }
+}
+
+int Extractor::copy_data(archive *reader, archive *writer)
+{
+    if (reader == nullptr || writer == nullptr) {
+        LOGGER_ERROR(kComponent, "Invalid Argument\n");
+        return -1;
+    }
+    for (;;) {
+        const void *buffer = nullptr;
+        size_t size = 0;
+        la_int64_t offset = 0;
+        const int result = archive_read_data_block(reader, &buffer, &size, &offset);
+        if (result == ARCHIVE_EOF) {
+            return 0;
+        }
+        if (result != ARCHIVE_OK) {
+            LOGGER_ERROR(kComponent, "archive_read_data_block failed: '%s'\n", archive_error_string(reader));
+            return -1;
+        }
+        if (archive_write_data_block(writer, buffer, size, offset) != ARCHIVE_OK) {
+            LOGGER_ERROR(kComponent, "archive_write_data_block failed: '%s'\n", archive_error_string(writer));
+            return -1;
+        }
+    }
+}
