@@ -1,0 +1,304 @@
+#include "service/cloud-service.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include <QDir>
+#include <QSettings>
+
+#include "extractor/extractor.h"
+#include "fct-qt/ui-path-manager.h"
+#include "fileop/file-op.h"
+#include "log/log.h"
+
+namespace
+{
+constexpr char kComponent[] = "service_debug";
+constexpr char kVersionFile[] = "INFO";
+constexpr int kBackupAttempts = 10;
+
+// More than any version file holds by far. A larger one is no version file, and reading it would take its
+// size in memory.
+constexpr uint64_t kVersionFileBytes = 1024 * 1024;
+
+std::string Environment(const char *name, const char *whenUnset)
+{
+    return qEnvironmentVariableIsSet(name) ? qgetenv(name).toStdString() : whenUnset;
+}
+
+// Reads what the file has to say into `version` and leaves the rest of it alone.
+void LoadVersion(const std::string &path, Service::VersionInfo &version)
+{
+    const std::pair<const char *, std::string Service::VersionInfo::*> fields[] = {
+        {"major_version", &Service::VersionInfo::major_version},
+        {"minor_version", &Service::VersionInfo::minor_version},
+        {"build_version", &Service::VersionInfo::build_version},
+        {"icon_overlay_version", &Service::VersionInfo::icon_overlay_version},
+    };
+
+    _FILE_INFO_tag info;
+    if (FSStat(path, info, true) == 0 && info.size <= kVersionFileBytes) {
+        QSettings settings(QString::fromStdString(path), QSettings::IniFormat);
+        settings.beginGroup(QStringLiteral("Version"));
+        for (const auto &[key, field] : fields) {
+            if (settings.contains(QLatin1String(key))) {
+                version.*field = settings.value(QLatin1String(key)).toString().toStdString();
+            }
+        }
+    }
+    if (version.build_version.empty()) {
+        LOGGER_WARNING(kComponent, "no build_version in '%s', taken as 0\n", path.c_str());
+    }
+}
+
+// The name that the app folder gets while it is replaced.
+std::string GetAppBackupDir(const std::string &base, int n)
+{
+    const std::string name = base + "_tmp";
+    if (n == 0) {
+        return name;
+    }
+    char suffix[8] = "";
+    if (snprintf(suffix, sizeof suffix, "%d", n) < 0) {
+        LOGGER_ERROR(kComponent, "snprintf failed (continuing without postfix)");
+        return name;
+    }
+    return name + suffix;
+}
+
+class DirCloser
+{
+public:
+    explicit DirCloser(DIR_HANDLE &handle) : m_handle(handle) {}
+    ~DirCloser() { FSCloseDir(m_handle); }
+    DirCloser(const DirCloser &) = delete;
+    DirCloser &operator=(const DirCloser &) = delete;
+
+private:
+    DIR_HANDLE &m_handle;
+};
+
+// Asks the file system itself where its folders do not tell what is in them.
+bool IsFolder(const DIR_ENTRY &entry, const std::string &path)
+{
+    if (entry.type != FS_TYPE_NONE) {
+        return entry.type == FS_TYPE_DIR;
+    }
+    _FILE_INFO_tag info;
+    return GetFileInfo(path, info) == 0 && info.type == FS_TYPE_DIR;
+}
+
+int ReportedCopy(int result, const std::string &src, const std::string &dst)
+{
+    if (result >= 0) {
+        return 0;
+    }
+    LOGGER_ERROR(kComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", src.c_str(), dst.c_str());
+    return -1;
+}
+} // namespace
+
+bool IsUOSDesktop()
+{
+    const std::string desktop = Environment("XDG_CURRENT_DESKTOP", "ubuntu:GNOME");
+    LOGGER_DEBUG(kComponent, "Current Desktop is %s\n", desktop.c_str());
+    return desktop == "Deepin";
+}
+
+QString Service::GetUserInstallPath()
+{
+    if (!IsUOSDesktop()) {
+        return QDir::homePath();
+    }
+    const std::string path = Environment("XDG_DATA_HOME", "");
+    LOGGER_DEBUG(kComponent, "user install path is %s\n", path.c_str());
+    return path.empty() ? QDir::homePath() : QString::fromStdString(path);
+}
+
+std::string Service::RegisteredPath(const char *key)
+{
+    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toStdString();
+}
+
+void Service::LoadSourceVersion()
+{
+    const std::string path = RegisteredPath("user_brimlock_resource_path") + "/" + kVersionFile;
+    if (!IsFileExist(path, false)) {
+        LOGGER_INFO(kComponent, "source does not exist\n");
+        return;
+    }
+    LoadVersion(path, source_version);
+    LOGGER_INFO(kComponent, "source_version = (%s, %s, %s, %s)\n", source_version.major_version.c_str(),
+                source_version.minor_version.c_str(), source_version.build_version.c_str(),
+                source_version.icon_overlay_version.c_str());
+}
+
+void Service::LoadTargetVersion()
+{
+    // No look whether the file exists: an install without one counts as build 0, and the four empty values in
+    // the log say so.
+    LoadVersion(RegisteredPath("root_resource_path") + "/" + kVersionFile, target_version);
+    LOGGER_INFO(kComponent, "target_version = (%s, %s, %s, %s)\n", target_version.major_version.c_str(),
+                target_version.minor_version.c_str(), target_version.build_version.c_str(),
+                target_version.icon_overlay_version.c_str());
+}
+
+int Service::FSCopyPath(const std::string &src, const std::string &dst)
+{
+    LOGGER_DEBUG(kComponent, "copy from '%s' to '%s'\n", src.c_str(), dst.c_str());
+    _FILE_INFO_tag info;
+    if (FSStat(src, info, false) < 0) {
+        LOGGER_ERROR(kComponent, "FSCopyPath: failed to stat source '%s'\n", src.c_str());
+        return -1;
+    }
+    if (!info.exists) {
+        LOGGER_ERROR(kComponent, "FSCopyPath: source path '%s' does not exist\n", src.c_str());
+        return -1;
+    }
+    if (info.type != FS_TYPE_DIR) {
+        FSCopy(src, dst, false, false);
+        return 0; // whatever came of it: an install from a single file must not be rolled back
+    }
+    if (FSMKDir(dst, true) < 0) {
+        LOGGER_ERROR(kComponent, "FSCopyPath: failed to create dest folder '%s'\n", dst.c_str());
+        return -1;
+    }
+
+    DIR_HANDLE handle;
+    const DirCloser closer(handle);
+    if (FSOpenDir(src, 0, handle) < 0) {
+        LOGGER_WARNING(kComponent, "FSCopyPath: failed to create handle  for src '%s' failed\n", src.c_str());
+        return 0; // a folder that this user may not look into is left empty, and the rest still installed
+    }
+
+    std::vector<std::string> files;
+    DIR_ENTRY entry;
+    while (FSReadDir(handle, entry) == 1) {
+        if (entry.name == "." || entry.name == "..") {
+            continue;
+        }
+        const std::string from = src + "/" + entry.name;
+        const std::string to = dst + "/" + entry.name;
+        if (!IsFolder(entry, from)) {
+            files.push_back(entry.name);
+        } else if (ReportedCopy(FSCopyPath(from, to), from, to) != 0) {
+            return -1;
+        }
+    }
+
+    // The version file comes last of all: a copy that was cut short has none, so that the next start takes it
+    // for an old one and replaces it.
+    std::partition(files.begin(), files.end(), [](const std::string &name) { return name != kVersionFile; });
+    for (const std::string &name : files) {
+        const std::string from = src + "/" + name;
+        const std::string to = dst + "/" + name;
+        if (ReportedCopy(FSCopy(from, to, false, true), from, to) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int Service::CopyPackage()
+{
+    const std::string src = RegisteredPath("root_resource_path") + "/package/larkspire";
+    const std::string dst = RegisteredPath("user_brimlock_app_path");
+    LOGGER_INFO(kComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
+    return FSCopyPath(src, dst);
+}
+
+int Service::ExtractPackage()
+{
+    const std::string src = RegisteredPath("root_resource_path") + "/package/larkspire.vpk";
+    const std::string dst = RegisteredPath("user_brimlock_app_path");
+    if (FSMKDir(dst, true) < 0) {
+        LOGGER_ERROR(kComponent, "failed to create folder: '%s'\n", dst.c_str());
+        return -1;
+    }
+    LOGGER_INFO(kComponent, "extract package: '%s' -> '%s'\n", src.c_str(), dst.c_str());
+    Extractor extractor;
+    extractor.SetSource(src);
+    extractor.SetTarget(dst);
+    return extractor.Extract();
+}
+
+int Service::PrepareUserEnv()
+{
+    std::string backup;
+    int used = 0;
+    if (IsFileExist(app_path, false)) {
+        used = BackUp(backup);
+        if (used < 0) {
+            return -1;
+        }
+    }
+
+    // The messages speak of extraction whichever way the copy is made: log readers search for them.
+    if (CopyPackage() != 0) {
+        if (backup.empty()) {
+            LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
+            return -1;
+        }
+        LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
+        FSRemove(app_path, false);
+        FSRename(backup, app_path, false);
+        return -1;
+    }
+
+    LOGGER_INFO(kComponent, "user installation is ready, removing backup app\n");
+    // The lower numbers too: they are what earlier runs left behind.
+    for (int n = 0; n <= used; ++n) {
+        FSRemove(GetAppBackupDir(app_path, n), false);
+    }
+    return 0;
+}
+
+int Service::BackUp(std::string &backup) const
+{
+    for (int n = 0; n < kBackupAttempts; ++n) {
+        backup = GetAppBackupDir(app_path, n);
+        if (FSRename(app_path, backup, false) == 0) {
+            return n;
+        }
+        LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s'\n", app_path.c_str(),
+                     backup.c_str());
+    }
+    LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s' at max retries, exiting\n",
+                 app_path.c_str(), backup.c_str());
+    LOGGER_ERROR(kComponent,
+                 "Please check if '%s' is writable. It may be locked by another process (e.g., CLI's working "
+                 "directory is set to the target).",
+                 app_path.c_str());
+    return -1;
+}
+
+void Service::RemoveAgedFolders()
+{
+    const std::string path = RegisteredPath("user_larkspire_path") + "/app";
+    LOGGER_INFO(kComponent, "removing aged app folder %s\n", path.c_str());
+    FSRemove(path, false);
+}
+
+void Service::MigrateService()
+{
+    const auto nativePath = [](const char *key) {
+        return QDir::toNativeSeparators(UIPathManager::getInstance()->getPath(QLatin1String(key)))
+            .toStdString();
+    };
+    const std::string old = nativePath("user_larkspire_path");
+    const std::string current = nativePath("user_brimlock_path");
+
+    if (!IsFileExist(current, true) && FSMKDir(current, true) != 0) {
+        LOGGER_ERROR(kComponent, "Failed to create Brimlock folder\n");
+        return;
+    }
+    const std::string oldData = old + "/data";
+    if (IsFileExist(oldData, true) && FSRename(oldData, current + "/data", true) < 0) {
+        LOGGER_ERROR(kComponent, "Failed to move data to Brimlock folder\n");
+    }
+    // Also when the move failed, with the data that stayed behind: the predecessor is gone for good.
+    if (IsFileExist(old, true) && FSRemove(old, false) < 0) {
+        LOGGER_ERROR(kComponent, "Failed to remove old .Larkspire folder\n");
+    }
+}

@@ -1,0 +1,136 @@
+#include "service/linux/linux-service.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include <QDir>
+#include <QProcess>
+#include <unistd.h>
+
+#include "fileop/file-op.h"
+#include "log/log.h"
+#include "service/config/config.h"
+
+namespace
+{
+constexpr char kComponent[] = "service_debug";
+constexpr int kTimeoutMilliseconds = 10000;
+constexpr int kStopProbes = 5;
+constexpr unsigned int kProbeIntervalSeconds = 1;
+constexpr char kInstallRoot[] = "/opt/Veltrano/Brimlock";
+
+int BuildNumber(const std::string &text)
+{
+    return text.empty() ? 0 : atoi(text.c_str());
+}
+
+// The running client's process id from its pid file, or 0 when there is nothing to stop.
+pid_t RunningClient(const std::string &pidFile)
+{
+    if (!IsFileExist(pidFile, false)) {
+        LOGGER_DEBUG(kComponent, "pid file '%s' does not exist, no need to terminate\n", pidFile.c_str());
+        return 0;
+    }
+    Config config;
+    if (config.read(pidFile) < 0) {
+        LOGGER_NOTE(kComponent, "Failed to read pid file '%s', not exist ?\n", pidFile.c_str());
+        return 0;
+    }
+    // Everything but a positive number would name a group of processes or all of them, and the launcher's own
+    // is the number of a client that is long gone.
+    const auto pid = static_cast<int32_t>(atol(config["pid"].c_str()));
+    return pid > 0 && pid != getpid() ? pid : 0;
+}
+} // namespace
+
+LinuxService::LinuxService()
+{
+    timeout = kTimeoutMilliseconds;
+    app_path = RegisteredPath("user_brimlock_app_path");
+}
+
+void LinuxService::StopService()
+{
+    const pid_t pid = RunningClient(RegisteredPath("user_brimlock_path") + "/ui.pid");
+    if (pid == 0) {
+        return;
+    }
+    if (kill(pid, SIGTERM) != 0) {
+        if (errno == ESRCH) {
+            return;
+        }
+        LOGGER_ERROR(kComponent, "kill: %s (%d)\n", strerror(errno), errno);
+    }
+    for (int probe = 0; probe < kStopProbes; ++probe) {
+        if (kill(pid, 0) != 0 && errno == ESRCH) {
+            return;
+        }
+        sleep(kProbeIntervalSeconds);
+    }
+    kill(pid, SIGKILL);
+}
+
+int LinuxService::HandlePackageUpgrade()
+{
+    if (PerUserBinPathExist()) {
+        LOGGER_DEBUG(kComponent, "local appdata exist\n");
+        StopService();
+    }
+    return PrepareUserEnv();
+}
+
+int LinuxService::PostUpgrade()
+{
+    return LaunchPerUserBin();
+}
+
+void LinuxService::PreUpgrade()
+{
+    LoadTargetVerInfo();
+    LoadSourceVerInfo();
+    LOGGER_DEBUG(kComponent, "Source version: ('%s', '%s')\n", source_version.build_version.c_str(),
+                 source_version.icon_overlay_version.c_str());
+    LOGGER_DEBUG(kComponent, "Target version: ('%s', '%s')\n", target_version.build_version.c_str(),
+                 target_version.icon_overlay_version.c_str());
+}
+
+bool LinuxService::IsNeedUpgrade()
+{
+    const int source = BuildNumber(source_version.build_version);
+    const int target = BuildNumber(target_version.build_version);
+    LOGGER_DEBUG(kComponent, "source version = %d, target version = %d\n", source, target);
+    return target > source || !PerUserBinPathExist();
+}
+
+bool LinuxService::PerUserBinPathExist()
+{
+    return access(RegisteredPath("user_brimlock_ui_path").c_str(), F_OK) == 0;
+}
+
+void LinuxService::LoadSourceVerInfo()
+{
+    LoadSourceVersion();
+}
+
+void LinuxService::LoadTargetVerInfo()
+{
+    LoadTargetVersion();
+}
+
+int LinuxService::LaunchPerUserBin()
+{
+    // Program and argument apart: the home folder's path may hold blanks.
+    QProcess::execute(QString::fromStdString(app_path + "/package/start-stop"), {QStringLiteral("start")});
+    return 0;
+}
+
+PackageInfo::PackageInfo()
+    : images_folder(std::string(kInstallRoot) + "/images"),
+      user_folder(QDir::homePath().toStdString() + "/.Brimlock"),
+      debug_file(std::string(kInstallRoot) + "/log/launcher.debug"),
+      package_archive(std::string(kInstallRoot) + "/package/larkspire.vpk"),
+      conf_folder(std::string(kInstallRoot) + "/conf")
+{
+}
