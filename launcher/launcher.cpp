@@ -1,0 +1,124 @@
+#include "launcher/launcher.h"
+
+#include <QCoreApplication>
+#include <QGuiApplication>
+
+#include "launcher/notify/notify-adapter.h"
+#include "launcher/strings/str-table.h"
+#include "log/log.h"
+#include "service/linux/linux-service.h"
+
+namespace
+{
+constexpr char kComponent[] = "launcher_debug";
+constexpr int kPercent = 100;
+} // namespace
+
+Worker::Worker() : Worker(std::make_unique<LinuxService>()) {}
+
+Worker::Worker(std::unique_ptr<Service> upgradeService)
+    : service(std::move(upgradeService)), thread(std::make_unique<HandlerThread>())
+{
+    moveToThread(thread.get());
+}
+
+Worker::~Worker()
+{
+    QuitThread();
+    JoinThread();
+}
+
+void Worker::StartThread()
+{
+    thread->start(QThread::InheritPriority);
+}
+
+void Worker::QuitThread()
+{
+    thread->quit();
+}
+
+void Worker::JoinThread()
+{
+    thread->wait();
+}
+
+void Worker::HandleServicce()
+{
+    LOGGER_DEBUG(kComponent, "running\n");
+    service->PreUpgrade();
+    if (!service->IsNeedUpgrade()) {
+        LOGGER_DEBUG(kComponent, "no need to upgrade\n");
+    } else {
+        emit sigShowMsg();
+        if (service->HandlePackageUpgrade() == 0) {
+            emit sigUpdateProgress(kPercent, kPercent);
+            emit sigSetLabelText(StrTable::LoadStr(StrTable::CLIENT_READY)
+                                     .arg(StrTable::LoadStr(StrTable::CLIENT_NAME), 0, QLatin1Char(' ')));
+        } else {
+            LOGGER_ERROR(kComponent, "Failed to upgrade package\n");
+        }
+    }
+    service->RemoveAgedFolders();
+    service->PostUpgrade();
+    LOGGER_DEBUG(kComponent, "done\n");
+    emit sigServiceDone();
+}
+
+Launcher::Launcher() : Launcher(std::make_unique<LinuxService>()) {}
+
+Launcher::Launcher(std::unique_ptr<Service> upgradeService)
+    : dialog(std::make_unique<ProcessingProgressDialog>()),
+      worker(std::make_unique<Worker>(std::move(upgradeService)))
+{
+    dialog->setCancelButton(nullptr);
+    dialog->setAutoReset(false);
+    // The dialog's own constructor makes it modal; shown, it is not: there is no other window to hold back.
+    dialog->setModal(false);
+    // Only LaunchDone() ends the program, whatever becomes of the window.
+    QGuiApplication::setQuitOnLastWindowClosed(false);
+
+    connect(this, &Launcher::sigStart, worker.get(), &Worker::HandleServicce);
+    connect(worker.get(), &Worker::sigShowMsg, this, &Launcher::ShowMsgBox);
+    connect(worker.get(), &Worker::sigServiceDone, this, &Launcher::LaunchDone);
+    connect(worker.get(), &Worker::sigUpdateProgress, this, &Launcher::UpdateProgress);
+    connect(worker.get(), &Worker::sigSetLabelText, this, &Launcher::SetLabelText);
+    connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateProgress, this,
+            &Launcher::UpdateProgress);
+    connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateDialogText, this,
+            &Launcher::SetLabelText);
+}
+
+void Launcher::Run()
+{
+    worker->StartThread();
+}
+
+void Launcher::Start()
+{
+    emit sigStart();
+}
+
+void Launcher::LaunchDone()
+{
+    dialog->setValue(kPercent);
+    dialog->hide();
+    worker->QuitThread();
+    worker->JoinThread();
+    QCoreApplication::quit();
+}
+
+void Launcher::UpdateProgress(int total, int done)
+{
+    dialog->setValue(done * kPercent / total);
+}
+
+void Launcher::SetLabelText(const QString &text)
+{
+    dialog->setLabelText(text);
+}
+
+void Launcher::ShowMsgBox()
+{
+    dialog->show();
+}

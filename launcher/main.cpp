@@ -1,0 +1,105 @@
+#include <clocale>
+#include <string>
+#include <utility>
+
+#include <QDir>
+#include <QTextCodec>
+#include <unistd.h>
+
+#include "fct-qt/qt-single-application.h"
+#include "fct-qt/ui-path-manager.h"
+#include "launcher/language.h"
+#include "launcher/launcher.h"
+#include "launcher/strings/str-table.h"
+#include "log/log.h"
+#include "service/cloud-service.h"
+#include "service/config/config.h"
+
+namespace
+{
+constexpr char kComponent[] = "launcher_debug";
+constexpr int kLogGenerations = 50;
+
+QString RegisteredPath(const char *key)
+{
+    return UIPathManager::getInstance()->getPath(QLatin1String(key));
+}
+
+void initialize_resources()
+{
+    setlocale(LC_ALL, "");
+    // Paths are UTF-8 in every locale, the "C" locale included.
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    qInitResources_texts();
+}
+
+void initializeDrivePaths()
+{
+    // The resource path of the user's copy is the app folder itself: that is where its version file lies. The
+    // predecessor has these two keys and no others.
+    const std::pair<const char *, const char *> userPaths[] = {
+        {"user_brimlock_path", "/.Brimlock"},
+        {"user_brimlock_app_path", "/.Brimlock/Brimlock.app"},
+        {"user_brimlock_resource_path", "/.Brimlock/Brimlock.app"},
+        {"user_brimlock_data_path", "/.Brimlock/data"},
+        {"user_brimlock_working_dir_path", "/.Brimlock/Brimlock.app/bin"},
+        {"user_brimlock_ui_path", "/.Brimlock/Brimlock.app/bin/brimlock-ui"},
+        {"user_larkspire_path", "/.Larkspire"},
+        {"user_larkspire_resource_path", "/.Larkspire/Larkspire.app"},
+    };
+    UIPathManager *paths = UIPathManager::getInstance();
+    for (const auto &[key, suffix] : userPaths) {
+        paths->setPath(QLatin1String(key),
+                       QDir::cleanPath(Service::GetUserInstallPath() + QLatin1String(suffix)));
+    }
+    paths->setPath(QStringLiteral("root_resource_path"),
+                   QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/..")));
+}
+
+// Marks in the log that start-up has come this far. Log readers know these lines with no more than a path's
+// first character, which is what "%s" makes of a wide string; the keys that nothing sets show as empty.
+void LogStartMarker()
+{
+    for (const char *key : {"user_larkspire_path", "user_larkspire_app_path", "user_larkspire_resource_path",
+                            "user_larkspire_data_path", "user_larkspire_working_dir_path",
+                            "user_larkspire_drive_ui_path", "root_resource_path"}) {
+        LOGGER_INFO(kComponent, ">>> %s = %s\n", key,
+                    reinterpret_cast<const char *>(RegisteredPath(key).toStdWString().c_str()));
+    }
+}
+
+void initialize_logger()
+{
+    const std::string levelFile =
+        (RegisteredPath("root_resource_path") + "/log/launcher.debug").toStdString();
+    const QString folder = RegisteredPath("user_brimlock_path") + "/log";
+    if (!QDir().mkpath(folder)) {
+        return; // the logger's start state goes on: errors and warnings reach standard error
+    }
+    Logger::Initialize(Logger::TYPE_FILE, folder.toStdString() + "/launcher.log", levelFile, kLogGenerations,
+                       Logger::SCOPE_THREAD);
+    LogStartMarker();
+    if (access(levelFile.c_str(), F_OK) == 0 && Config().read(levelFile) != 0) {
+        LOGGER_WARNING(kComponent, "no log levels read from '%s': unreadable or a malformed line\n",
+                       levelFile.c_str());
+    }
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QtSingleApplication app(argc, argv, true);
+    initialize_resources();
+    initializeDrivePaths();
+    initialize_logger();
+    if (app.isRunning()) {
+        LOGGER_DEBUG(kComponent, "app has already launched, return\n");
+        return 0;
+    }
+    initializeLanguage(app);
+
+    Launcher launcher;
+    launcher.Run();
+    launcher.Start();
+    return QApplication::exec();
+}
