@@ -30,7 +30,10 @@ int InApplication(const std::function<int(QtSingleApplication &)> &body)
     return InChild([&body] { return WithApplication(body); });
 }
 
-int Answer(QtSingleApplication &app) { return app.isRunning() ? kSecond : kAlone; }
+int Answer(QtSingleApplication &app)
+{
+    return app.isRunning() ? kSecond : kAlone;
+}
 
 // A launcher that lives until the test kills it.
 class Holder
@@ -81,7 +84,8 @@ TEST(SingleApplicationTest, EveryLauncherOfAUserMeetsTheSameLockWhateverItsEnvir
 {
     Holder first;
     ASSERT_TRUE(first.isFirst);
-    for (const char *variable : {"XDG_RUNTIME_DIR", "TMPDIR", "HOME", "XDG_DATA_HOME", "XDG_CURRENT_DESKTOP", "USER"}) {
+    for (const char *variable :
+         {"XDG_RUNTIME_DIR", "TMPDIR", "HOME", "XDG_DATA_HOME", "XDG_CURRENT_DESKTOP", "USER"}) {
         for (const char *value : {"/nonexistent", "/dev/shm", ""}) {
             EXPECT_EQ(InChild([&] {
                           setenv(variable, value, 1);
@@ -241,6 +245,7 @@ TEST(LocaleTest, TheLanguageFollowsTheDesktop)
         for (int i = 0; i < 4; ++i) {
             c.values[i] == std::string("-") ? unsetenv(variables[i]) : setenv(variables[i], c.values[i], 1);
         }
-        EXPECT_EQ(VeltranoLocale::getInstance()->getDefaultLanguage(), c.expected) << c.values[0] << " " << c.values[3];
+        EXPECT_EQ(VeltranoLocale::getInstance()->getDefaultLanguage(), c.expected)
+            << c.values[0] << " " << c.values[3];
     }
 }

@@ -33,9 +33,9 @@ TEST(PathStringTest, PathsAreCutAtTheLastSlash)
         const char *path;
         const char *parent;
         const char *name;
-    } cases[] = {{"a", "/", "a"},        {"/a", "/", "a"},     {"/a/b", "/a", "b"}, {"/a/b/", "/a/b", ""},
-                 {"a/b", "a", "b"},      {"", "/", ""},        {"/", "/", ""},      {"/a/", "/a", ""},
-                 {"//a", "/", "a"}};
+    } cases[] = {{"a", "/", "a"},       {"/a", "/", "a"},  {"/a/b", "/a", "b"},
+                 {"/a/b/", "/a/b", ""}, {"a/b", "a", "b"}, {"", "/", ""},
+                 {"/", "/", ""},        {"/a/", "/a", ""}, {"//a", "/", "a"}};
     for (const auto &c : cases) {
         EXPECT_EQ(FSParentPath(c.path), c.parent) << c.path;
         EXPECT_EQ(FSBaseName(c.path), c.name) << c.path;
@@ -44,8 +44,8 @@ TEST(PathStringTest, PathsAreCutAtTheLastSlash)
         const char *parent;
         const char *child;
         bool expected;
-    } pairs[] = {{"/a", "/a", true},      {"/a", "/a/b", true},  {"/a", "/ab", false},
-                 {"/a/", "/a/b", false},  {"/a/b", "/a", false}, {"/b", "/a/b", false}};
+    } pairs[] = {{"/a", "/a", true},     {"/a", "/a/b", true},  {"/a", "/ab", false},
+                 {"/a/", "/a/b", false}, {"/a/b", "/a", false}, {"/b", "/a/b", false}};
     for (const auto &p : pairs) {
         EXPECT_EQ(FSIsParentFolder(p.parent, p.child), p.expected) << p.parent << " " << p.child;
     }
@@ -114,7 +114,8 @@ TEST_F(FileOpTest, PermissionsCountOnlyWhereTheyForbid)
                       chown(Path("closed/file").c_str(), kNobody, kNobody);
                   }
                   BecomeUnprivileged();
-                  return isFileWRForbidden(Path("closed/file"), W_OK) && hasFilePermission(Path("closed/file"), R_OK) &&
+                  return isFileWRForbidden(Path("closed/file"), W_OK) &&
+                         hasFilePermission(Path("closed/file"), R_OK) &&
                          hasFilePermission(Path("none"), W_OK) && hasFilePermission(Path("open/x"), W_OK);
               }),
               1);
@@ -228,7 +229,8 @@ TEST_F(FileOpTest, MovesTreesAlsoToAnotherFileSystem)
     EXPECT_EQ(Tree(other + "/far"), tree);
     EXPECT_EQ(ModeOf(other + "/far/a/file"), 0644u);
     EXPECT_FALSE(fs::exists(Path("near")));
-    EXPECT_TRUE(Logged("rename failed: " + Path("near") + " -> " + other + "/far, " + strerror(EXDEV) + " (18)\n"));
+    EXPECT_TRUE(
+        Logged("rename failed: " + Path("near") + " -> " + other + "/far, " + strerror(EXDEV) + " (18)\n"));
 
     fs::create_symlink("x", Path("link"));
     EXPECT_EQ(FSRename(Path("link"), other + "/link", true), -3);

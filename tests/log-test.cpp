@@ -61,7 +61,8 @@ TEST_F(LogTest, ShowsTheCallersErrnoAndLeavesItAlone)
     unsetenv("TZ");
 
     const std::string reason = strerror(EDQUOT);
-    EXPECT_NE(Generation(0).find(" stream, err=" + std::to_string(EDQUOT) + ":" + reason + "\n"), std::string::npos);
+    EXPECT_NE(Generation(0).find(" stream, err=" + std::to_string(EDQUOT) + ":" + reason + "\n"),
+              std::string::npos);
     EXPECT_NE(Log().find(": direct " + reason + "\n"), std::string::npos) << Log();
     EXPECT_EQ(Log().substr(Log().size() - 6), " quiet");
 }
@@ -79,7 +80,9 @@ TEST_F(LogTest, EachComponentHasItsOwnThreshold)
     }
     // What a first level file said stays, and a second log file takes over.
     WriteFile(Path("other-levels"), "service_debug=6\n");
-    ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, Path("other"), Path("other-levels"), 50, Logger::SCOPE_THREAD), 0);
+    ASSERT_EQ(
+        Logger::Initialize(Logger::TYPE_FILE, Path("other"), Path("other-levels"), 50, Logger::SCOPE_THREAD),
+        0);
     EXPECT_EQ(Logger::GetCompLevel("launcher_debug"), 7);
     EXPECT_EQ(Logger::GetCompLevel("service_debug"), 6);
     Say("moved\n");

@@ -1,9 +1,11 @@
 #include "service/linux/linux-service.h"
 
+#include <clocale>
 #include <csignal>
 #include <thread>
 
 #include "fct-qt/ui-path-manager.h"
+#include "launcher/strings/str-table.h"
 #include "tests/support.h"
 
 namespace
@@ -22,6 +24,7 @@ protected:
     ServiceTest()
     {
         StartLog();
+        StrTable::InitStrTable(); // unpacking sends a label
         SetPath("root_resource_path", Path("opt"));
         SetPath("user_brimlock_path", Path("home/.Brimlock"));
         SetPath("user_brimlock_app_path", app);
@@ -38,7 +41,8 @@ protected:
 
     static std::string Info(const std::string &build)
     {
-        return "[Version]\nmajor_version=1\nminor_version=2\nbuild_version=" + build + "\nicon_overlay_version=3\n";
+        return "[Version]\nmajor_version=1\nminor_version=2\nbuild_version=" + build +
+               "\nicon_overlay_version=3\n";
     }
 
     void GivenInstalled(const std::string &build)
@@ -117,10 +121,10 @@ TEST_F(ServiceTest, UpgradesWhatIsOlderOrBroken)
         bool hasUi;
         bool expected;
     } cases[] = {
-        {"", "1000", false, true},      {"1000", "1000", true, false}, {"1000", "1001", true, true},
-        {"1001", "1000", true, false},  {"1000", "1000", false, true}, {"1000", "", true, false},
-        {"1000", "", false, true},      {"12abc", "12", true, false},  {"12abc", "13", true, true},
-        {"  -5", "abc", true, true},    {"", "1", true, true},
+        {"", "1000", false, true},     {"1000", "1000", true, false}, {"1000", "1001", true, true},
+        {"1001", "1000", true, false}, {"1000", "1000", false, true}, {"1000", "", true, false},
+        {"1000", "", false, true},     {"12abc", "12", true, false},  {"12abc", "13", true, true},
+        {"  -5", "abc", true, true},   {"", "1", true, true},
     };
     for (const auto &c : cases) {
         OpenService service;
@@ -164,7 +168,8 @@ TEST_F(ServiceTest, InstallsTheShippedTreeAndSweepsOldBackups)
     fs::remove(package + "/link");
     fs::remove(app + "/link");
     EXPECT_EQ(Tree(app), Tree(package));
-    EXPECT_EQ(fs::status(app + "/bin/brimlock-ui").permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
+    EXPECT_EQ(fs::status(app + "/bin/brimlock-ui").permissions() & fs::perms::owner_exec,
+              fs::perms::owner_exec);
 
     WriteFile(app + "_tmp/left", "");
     WriteFile(app + "_tmp1/left", "");
@@ -172,7 +177,8 @@ TEST_F(ServiceTest, InstallsTheShippedTreeAndSweepsOldBackups)
     WriteFile(app + "/gone", "");
     ASSERT_EQ(service.PrepareUserEnv(), 0);
     EXPECT_EQ(Tree(app), Tree(package));
-    for (const auto &[suffix, stays] : {std::pair("_tmp", false), {"_tmp1", false}, {"_tmp2", false}, {"_tmp5", true}}) {
+    for (const auto &[suffix, stays] :
+         {std::pair("_tmp", false), {"_tmp1", false}, {"_tmp2", false}, {"_tmp5", true}}) {
         EXPECT_EQ(fs::exists(app + suffix), stays) << suffix;
     }
 }
@@ -190,13 +196,48 @@ TEST_F(ServiceTest, RollsBackToTheOldCopyWhenTheNewOneCannotBeCopied)
         EXPECT_FALSE(fs::exists(app + "_tmp"));
         EXPECT_NE(Log().find("Failed to extract package, rollback to old installation\n"), std::string::npos);
 
-        // Without an old copy what was copied stays, but never as a complete one: its version file is missing.
+        // Without an old copy what was copied stays, but never as a complete one: its version file is
+        // missing.
         fs::remove_all(app);
         EXPECT_EQ(OpenService().PrepareUserEnv(), -1);
-        EXPECT_NE(Log().find("Failed to extract package, and no old installation to rollback\n"), std::string::npos);
+        EXPECT_NE(Log().find("Failed to extract package, and no old installation to rollback\n"),
+                  std::string::npos);
         EXPECT_TRUE(fs::exists(app));
         EXPECT_FALSE(fs::exists(app + "/INFO"));
         fs::remove_all(Path("opt"));
+    }
+}
+
+TEST_F(ServiceTest, APackageInstallsAlikeAsAFolderAndAsAnArchive)
+{
+    setlocale(LC_ALL, "C.UTF-8");
+    GivenShipped("1001");
+    WriteFile(package + "/a name/with blanks", "blank");
+    WriteFile(package + "/Zo\xc3\xab/\xe6\xbc\xa2", "UTF-8");
+    WriteFile(package + "/nothing in it", "");
+    WriteFile(package + "/long/" + std::string(120, 'n') + "/" + std::string(200, 'm'), "a long name");
+    WriteFile(package + "/large", std::string(3 << 20, 'x'));
+    OpenService service;
+    ASSERT_EQ(service.CopyPackage(), 0);
+    const std::vector<std::string> copied = Tree(app);
+    ASSERT_EQ(copied, Tree(package));
+
+    for (const char *command :
+         {"tar -czf larkspire.vpk -C larkspire .", "tar -cJf larkspire.vpk -C larkspire .",
+          "tar --zstd -cf larkspire.vpk -C larkspire .", "tar -cf larkspire.vpk -C larkspire .",
+          "tar --format=pax -cf larkspire.vpk -C larkspire .",
+          "cd larkspire && zip -qr package.zip . && mv package.zip ../larkspire.vpk",
+          "cd larkspire && 7z a ../package.7z . && mv ../package.7z ../larkspire.vpk",
+          "cd larkspire && find . | cpio -o -H newc >../larkspire.vpk"}) {
+        fs::remove_all(app);
+        fs::remove(Path("opt/package/larkspire.vpk"));
+        ASSERT_EQ(system(("cd '" + Path("opt/package") + "' && (" + command + ") >/dev/null 2>&1").c_str()),
+                  0)
+            << command;
+        EXPECT_EQ(service.ExtractPackage(), 0) << command << "\n" << Log();
+        EXPECT_EQ(Tree(app), copied) << command;
+        EXPECT_EQ(fs::status(app + "/bin/brimlock-ui").permissions() & fs::perms::owner_exec,
+                  fs::perms::owner_exec);
     }
 }
 
@@ -238,7 +279,8 @@ TEST_F(ServiceTest, TwoFailuresOfACopyCountAsSuccess)
               0);
     EXPECT_EQ(Tree(Path("copy")), (std::vector<std::string>{"a", "a/file=", "locked"}));
     EXPECT_NE(Log().find("[WARNING] cloud-service.cpp"), std::string::npos);
-    EXPECT_NE(Log().find("failed to create handle  for src '" + Path("mine/locked") + "' failed\n"), std::string::npos);
+    EXPECT_NE(Log().find("failed to create handle  for src '" + Path("mine/locked") + "' failed\n"),
+              std::string::npos);
 }
 
 TEST_F(ServiceTest, EndsTheClientGentlyAndThenForcibly)
@@ -261,9 +303,10 @@ TEST_F(ServiceTest, SignalsNothingButAPositiveProcessId)
     const std::string group = std::to_string(bystander.pid);
     const std::string narrowed = std::to_string((1LL << 32) - bystander.pid);
     // In a process group of its own, without root's powers, and -1 last: a fault must not end the session.
-    for (const std::string &pid : {"pid=-" + group, "pid=" + narrowed, std::string("pid=0"), std::string("pid=abc"),
-                                   std::string("PID=1"), "pid=" + group + " 2", std::string("pid=4294967296"),
-                                   std::string("pid=4294967295"), std::string("pid=-1")}) {
+    for (const std::string &pid :
+         {"pid=-" + group, "pid=" + narrowed, std::string("pid=0"), std::string("pid=abc"),
+          std::string("PID=1"), "pid=" + group + " 2", std::string("pid=4294967296"),
+          std::string("pid=4294967295"), std::string("pid=-1")}) {
         GivenPidFile(pid + "\n");
         ASSERT_EQ(InChild([] {
                       setsid();
@@ -326,8 +369,11 @@ TEST(InstallPathTest, OnlyADeepinDesktopMovesTheUsersFiles)
         const char *desktop;
         const char *data;
         const char *expected;
-    } cases[] = {{"Deepin", "/data/u1", "/data/u1"}, {"Deepin", "", "/home/u"},   {"Deepin", nullptr, "/home/u"},
-                 {"deepin", "/data/u1", "/home/u"},  {nullptr, "/data", "/home/u"}};
+    } cases[] = {{"Deepin", "/data/u1", "/data/u1"},
+                 {"Deepin", "", "/home/u"},
+                 {"Deepin", nullptr, "/home/u"},
+                 {"deepin", "/data/u1", "/home/u"},
+                 {nullptr, "/data", "/home/u"}};
     for (const auto &c : cases) {
         c.desktop ? setenv("XDG_CURRENT_DESKTOP", c.desktop, 1) : unsetenv("XDG_CURRENT_DESKTOP");
         c.data ? setenv("XDG_DATA_HOME", c.data, 1) : unsetenv("XDG_DATA_HOME");

@@ -95,7 +95,8 @@ protected:
     {
         Logger::Destroy();
         // Not the library's own removal, which is under test; it also enters folders that forbid it.
-        const std::string command = "chmod -R u+rwX '" + scratch.string() + "'; rm -rf '" + scratch.string() + "'";
+        const std::string command =
+            "chmod -R u+rwX '" + scratch.string() + "'; rm -rf '" + scratch.string() + "'";
         EXPECT_EQ(system(command.c_str()), 0);
     }
 
@@ -103,7 +104,9 @@ protected:
                                               "file_op_debug=7\n")
     {
         WriteFile(scratch / "levels", levels);
-        ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, LogPath(), scratch / "levels", 50, Logger::SCOPE_THREAD), 0);
+        ASSERT_EQ(
+            Logger::Initialize(Logger::TYPE_FILE, LogPath(), scratch / "levels", 50, Logger::SCOPE_THREAD),
+            0);
         chmod(LogPath().c_str(), 0666);
     }
 
