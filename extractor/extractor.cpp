@@ -44,11 +44,15 @@ bool Open(archive *reader, const std::string &source)
     return archive_read_open_filename(reader, source.c_str(), kBlockBytes) == ARCHIVE_OK;
 }
 
-// Why an entry could not be written: the writer's error, or the reader's when that is where it failed.
+// Why an entry could not be written: the writer's error, else the reader's. libarchive does not always say.
 const char *WriteFailure(archive *writer, archive *reader)
 {
-    const char *text = archive_error_string(writer);
-    return text != nullptr ? text : archive_error_string(reader);
+    for (archive *side : {writer, reader}) {
+        if (const char *text = archive_error_string(side)) {
+            return text;
+        }
+    }
+    return "unreadable entry";
 }
 
 // A reader for Count() and List(); null, and logged, when the source cannot be opened.
@@ -110,6 +114,7 @@ int Extractor::List()
 int Extractor::Extract()
 {
     if (m_source.empty() || m_target.empty()) {
+        // The capital A tells log readers that it was not Count().
         LOGGER_ERROR(kComponent, "Invalid Argument\n");
         return -1;
     }

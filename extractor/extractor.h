@@ -6,10 +6,12 @@
 struct archive;
 
 // Unpacks an archive of any format and compression that libarchive reads. Each call opens and closes the
-// archive for itself; an object is for one thread at a time. Every failure is -1 and one ERROR line.
+// archive for itself; an object is for one thread at a time. Every failure is -1 and an ERROR line where it
+// is found.
 class Extractor
 {
 public:
+    // A file. A FIFO is refused, "/dev/stdin" included when it is one: nobody may ever write to it.
     void SetSource(const std::string &path) { m_source = path; }
 
     // The folder to unpack into, without a trailing "/".
@@ -20,10 +22,12 @@ public:
     int Count();
 
     // Writes the entries' names to standard output, one a line. Returns 0, or -1 when the source cannot be
-    // opened. Without a source it logs an error and reads standard input.
+    // opened. Without source or target it logs an error and goes on; without a source it reads standard
+    // input.
     int List();
 
-    // Unpacks the source below the target, replacing what is there, and reports label and progress through
+    // Unpacks the source below the target (what the archive's links can do is told in docs/behaviour.md),
+    // replacing what is there, and reports label and progress through
     // Notify_Adapter. Returns 0, or -1 at the first entry that cannot be read or written whole; what was
     // written before it stays, and the caller removes it. Owners, times and attributes are not restored.
     int Extract();

@@ -147,6 +147,25 @@ int OpenForCopy(const std::string &path, int flags, mode_t mode)
     return fd;
 }
 
+int CopyFile(const std::string &src, const std::string &dst, bool keepMode)
+{
+    const ScopedFd in(OpenForCopy(src, O_RDONLY, 0));
+    if (!in.valid()) {
+        return -1;
+    }
+    mode_t mode = kNewFileMode;
+    if (keepMode) {
+        _FILE_INFO_tag info;
+        if (FSStat(src, info, true) < 0) {
+            LOGGER_ERROR(kFileOpComponent, "FSStat: check state (%s) failed\n", src.c_str());
+            return -1;
+        }
+        mode = info.mode;
+    }
+    const ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
+    return out.valid() ? CopyBytes(in.get(), out.get()) : -1;
+}
+
 // Moves a folder to another file system, entry by entry.
 int MoveFolder(const std::string &src, const std::string &dst, bool followLink)
 {
@@ -173,24 +192,7 @@ int MoveFolder(const std::string &src, const std::string &dst, bool followLink)
 
 int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bool keepMode)
 {
-    const ScopedFd in(OpenForCopy(src, O_RDONLY, 0));
-    if (!in.valid()) {
-        return -1;
-    }
-    mode_t mode = kNewFileMode;
-    if (keepMode) {
-        _FILE_INFO_tag info;
-        if (FSStat(src, info, true) < 0) {
-            LOGGER_ERROR(kFileOpComponent, "FSStat: check state (%s) failed\n", src.c_str());
-            return -1;
-        }
-        mode = info.mode;
-    }
-    const ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
-    if (!out.valid()) {
-        return -1;
-    }
-    const int result = CopyBytes(in.get(), out.get());
+    const int result = CopyFile(src, dst, keepMode);
     if (result != 0 || !removeSource) {
         return result;
     }
@@ -204,6 +206,7 @@ int FSMKDir(const std::string &path, bool recursive)
     }
     _FILE_INFO_tag info;
     if (GetFileInfo(path, info) != 0) {
+        // Log readers search for this text, with both "to".
         LOGGER_ERROR(kFileOpComponent, "FSMKDir: Failed to to file info '%s'\n", path.c_str());
         return -1;
     }
@@ -226,6 +229,7 @@ int FSMKDir(const std::string &path, bool recursive)
 int FSMKDirFromRoot(const std::string &target, const std::string &root)
 {
     if (root.size() > target.size()) {
+        // Log readers search for this text, "then" included.
         LOGGER_ERROR(kFileOpComponent, "Giving a root '%s' whose length is larger then target's '%s'.\n",
                      root.c_str(), target.c_str());
         return -1;

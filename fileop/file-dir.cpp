@@ -91,11 +91,12 @@ int FSMktemp(const std::string &folder, std::string &path)
 {
     char name[kPathBytes];
     snprintf(name, sizeof name, "%s/XXXXXX", folder.c_str());
+    const std::string pattern = name;
     const int fd = mkostemp(name, O_CLOEXEC);
     if (fd < 0) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat" // "%m" is the C library's, not the language standard's
-        LOGGER_ERROR(kFileOpComponent, "mkstemp(%s): %m(%d)\n", name, errno);
+        LOGGER_ERROR(kFileOpComponent, "mkstemp(%s): %m(%d)\n", pattern.c_str(), errno);
 #pragma GCC diagnostic pop
         return -1;
     }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
+#include <utility>
 
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -66,9 +67,10 @@ int GetFileInfo(const std::string &path, _FILE_INFO_tag &info)
         if (errno != ENOENT) {
             return -1;
         }
-        info = _FILE_INFO_tag();
-        info.path = path;
-        info.name = FSBaseName(path);
+        _FILE_INFO_tag missing;
+        missing.path = path; // which may be the record's own
+        missing.name = FSBaseName(path);
+        info = std::move(missing);
         return 0;
     }
 

@@ -8,7 +8,7 @@
 
 // Files, folders and links. Paths are byte strings and are never normalised. Unless a function says
 // otherwise, 0 is success and -1 a failed system call or an invalid argument; errno is then as that call left
-// it. No function undoes what it has already done, keeps state or takes a lock.
+// it. No function undoes what it has already done. None keeps state or takes a lock but FSCreateTempPath().
 
 // What GetFileInfo() knows of a path. Two records are equal when existence, size, mtime, type, path and name
 // are: a change of owner, mode or device alone makes no difference.
@@ -28,7 +28,8 @@ struct _FILE_INFO_tag {
     bool operator!=(const _FILE_INFO_tag &other) const { return !(*this == other); }
 };
 
-// The type codes of _FILE_INFO_tag and DIR_ENTRY. 4 is not in use and stays free: the numbers are stored.
+// The type codes of _FILE_INFO_tag and DIR_ENTRY. 4 is not in use and stays free: the others keep their
+// numbers.
 enum FSType : uint32_t {
     FS_TYPE_NONE = 0,
     FS_TYPE_FILE = 1,
@@ -78,10 +79,10 @@ bool isFileWRForbidden(const std::string &path, int mode);
 bool hasFilePermission(const std::string &path, int mode);
 
 // Copies the bytes of one file, following a link; times, owner and attributes are left alone, and nothing is
-// flushed to disk. A new `dst` gets the source's permission bits with keepMode, else 0644, less the umask; an
-// existing one is truncated and keeps its own. With removeSource the source is removed after a complete copy.
-// -1: open, stat, read or write failed, or the source could not be removed. -2: disk full or over quota. A
-// partly written `dst` stays: the caller holds the backup and decides.
+// flushed to disk. A new `dst` gets the source's permission bits with keepMode (a link's own, for a link),
+// else 0644, less the umask; an existing one is truncated and keeps its own. With removeSource the source is
+// removed after a complete copy. -1: open, stat, read or write failed, or the source could not be removed.
+// -2: disk full or over quota. A partly written `dst` stays: the caller holds the backup and decides.
 int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bool keepMode);
 
 // Creates the folder (0777 less the umask), with `recursive` also its missing ancestors, passing through
@@ -95,9 +96,9 @@ int FSMKDir(const std::string &path, bool recursive);
 int FSMKDirFromRoot(const std::string &target, const std::string &root);
 
 // Moves a file or a folder tree; onto another file system by copying (files then get mode 0644) and removing.
-// `followLink` has no effect. -1: an empty path. -2: no such source. -3: the move failed, what was moved so
-// far stays moved; links, devices, FIFOs and sockets cannot be moved to another file system. -100: a name is
-// too long.
+// `followLink` has no effect. -1: an empty path. -2: no such source, or none that can be looked at. -3: the
+// move failed, what was moved so far stays moved; links, devices, FIFOs and sockets cannot be moved to
+// another file system. -100: a name is too long.
 int FSRename(const std::string &src, const std::string &dst, bool followLink);
 
 // Removes a file, a link (never what it points to) or a folder tree. A missing path is a success, and so is a

@@ -99,12 +99,17 @@ void Launcher::Start()
     emit sigStart();
 }
 
+void Launcher::FinishRun()
+{
+    worker->QuitThread();
+    worker->JoinThread();
+}
+
 void Launcher::LaunchDone()
 {
     dialog->setValue(kPercent);
     dialog->hide();
-    worker->QuitThread();
-    worker->JoinThread();
+    FinishRun();
     QCoreApplication::quit();
 }
 

@@ -41,7 +41,8 @@ signals:
     void sigSetLabelText(const QString &text);
 
 public slots:
-    // One run, from the look at the versions to the start of the client. Ends with sigServiceDone().
+    // (Connected to by this name, misspelt as it is.) One run, from the look at the versions to the start of
+    // the client. Ends with sigServiceDone().
     void HandleServicce();
 
 private:
@@ -61,6 +62,9 @@ public:
     // Starts the thread. Start() then starts the run.
     void Run();
     void Start();
+
+    // Waits until a run that has begun is over. Needs no event loop.
+    void FinishRun();
 
 signals:
     void sigStart();

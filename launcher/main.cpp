@@ -1,4 +1,5 @@
 #include <clocale>
+#include <cstdlib>
 #include <string>
 #include <utility>
 
@@ -36,7 +37,8 @@ void initialize_resources()
 void initializeDrivePaths()
 {
     // The resource path of the user's copy is the app folder itself: that is where its version file lies. The
-    // predecessor has these two keys and no others.
+    // predecessor has these two keys on purpose and no others: LogStartMarker() shows the rest as the empty
+    // paths that log readers expect.
     const std::pair<const char *, const char *> userPaths[] = {
         {"user_brimlock_path", "/.Brimlock"},
         {"user_brimlock_app_path", "/.Brimlock/Brimlock.app"},
@@ -84,6 +86,19 @@ void initialize_logger()
                        levelFile.c_str());
     }
 }
+
+// The launcher whose run is not over.
+Launcher *running = nullptr;
+
+// Qt calls exit(1) when the display goes away. The run goes on to its end even then, to the exit status of
+// every run.
+void FinishRun()
+{
+    if (running != nullptr) {
+        running->FinishRun();
+        _exit(0);
+    }
+}
 } // namespace
 
 int main(int argc, char **argv)
@@ -101,5 +116,9 @@ int main(int argc, char **argv)
     Launcher launcher;
     launcher.Run();
     launcher.Start();
-    return QApplication::exec();
+    running = &launcher;
+    atexit(FinishRun);
+    const int status = QApplication::exec();
+    running = nullptr;
+    return status;
 }

@@ -28,6 +28,7 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr, 
     setRange(0, kPercent);
     setLabelText(StrTable::LoadStr(StrTable::CLIENT_INITIALIZING).arg(clientName, 0, QLatin1Char(' ')));
     setFont(font);
+    // Whoever shows the dialog by itself gets it modal; Launcher, which has no other window, undoes it.
     setModal(true);
     setWindowModality(Qt::WindowModal);
     setFixedWidth(static_cast<int>(DPIinfo::getInstance()->getDPI() * kWidthAtScaleOne));

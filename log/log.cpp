@@ -44,11 +44,13 @@ const char *TimeStamp()
 // The start state is deliberate: "initialised", a type that is written with a time stamp, and standard error.
 // It is what makes early messages visible.
 bool Logger::log_initialized = true;
-Logger::InitConfig Logger::config;
 FILE *Logger::log_fp = stderr;
-std::string Logger::log_path;
-std::unordered_map<std::string, int> Logger::log_level;
-std::unique_ptr<std::mutex> Logger::log_lock;
+
+// Never deleted: exit() may run while another thread still logs.
+Logger::InitConfig &Logger::config = *new InitConfig;
+std::string &Logger::log_path = *new std::string;
+std::unordered_map<std::string, int> &Logger::log_level = *new std::unordered_map<std::string, int>;
+std::mutex *Logger::log_lock = nullptr;
 
 int Logger::GetCompLevel(const std::string &component)
 {
@@ -93,6 +95,8 @@ void Logger::LogMsg3(Level level, const std::string &component, std::stringstrea
     const bool withNewline = (flags & FLAG_NEWLINE) != 0;
 
     if (withErrno) {
+        text.clear();
+        text.seekp(0, std::ios::end);
         text << ", err=" << std::to_string(callerErrno.value()) << ":";
     }
     const std::string whole = text.str();
@@ -159,14 +163,14 @@ void Logger::FlushFileStream(long)
 
 void Logger::Lock()
 {
-    if (log_lock) {
+    if (log_lock != nullptr) {
         log_lock->lock();
     }
 }
 
 void Logger::Unlock()
 {
-    if (log_lock) {
+    if (log_lock != nullptr) {
         log_lock->unlock();
     }
 }

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -18,10 +17,10 @@
 // has a threshold of its own, and a message is written when its level is at most that threshold.
 //
 // Before Initialize() the logger already works: it writes ERROR and WARNING lines, with their time stamp,
-// to standard error, so that nothing said during start-up is lost.
+// to standard error, so that no failure during start-up goes unseen.
 //
-// No call changes the caller's errno, and a "%m" in a message shows the errno that the caller had. No call
-// throws, except for what copying the caller's strings may throw.
+// No call that logs a message throws or changes the caller's errno, and a "%m" in a message shows the errno
+// that the caller had. The state is never destroyed: a thread may log for as long as the process lives.
 class Logger
 {
 public:
@@ -73,7 +72,7 @@ public:
         __attribute__((format(printf, 3, 0)));
 
     // Writes the stream's whole text. FLAG_ERRNO adds ", err=<number>:<text>" when errno is not 0 (the
-    // number is appended to `text` itself), FLAG_NEWLINE a line end.
+    // number is appended to `text` itself), FLAG_NEWLINE a line end. Leaves `text` ready to be written to.
     static void LogMsg3(Level level, const std::string &component, std::stringstream &text, ConfigFlag flags);
 
     // Write a time stamp and the message to the current stream, whatever the level, and flush. Return the
@@ -115,13 +114,13 @@ private:
     static void ReadLevels();
 
     static bool log_initialized;
-    static InitConfig config;
-    static FILE *log_fp; // null for the system log, and for a file that could not be opened again
-    static std::string log_path;
-    static std::unordered_map<std::string, int> log_level;
-    static std::unique_ptr<std::mutex> log_lock;
-    static std::unique_ptr<int32_t> log_size; // bytes in the log file; -1 for the other sinks
-    static std::unique_ptr<uint64_t> log_rotated_count_shared;
+    static InitConfig &config;
+    static FILE *log_fp; // null for the system log, and for a file that could not be opened
+    static std::string &log_path;
+    static std::unordered_map<std::string, int> &log_level;
+    static std::mutex *log_lock;
+    static int32_t *log_size; // bytes in the log file; -1 for the other sinks
+    static uint64_t *log_rotated_count_shared;
     static uint64_t log_rotated_count_private;
 };
 
@@ -138,7 +137,7 @@ inline const char *LogSourceName(const char *file)
 
 // How every message of the program is logged: nothing is evaluated unless the message passes, and its text
 // follows the process, the thread, the level's tag and the place in the source. `format` is a string literal
-// that ends in "\n".
+// that ends in "\n", but for the few messages that are known without a line end.
 #define LOGGER_WRITE(level, component, format, ...)                                                          \
     do {                                                                                                     \
         if (Logger::IsNeedToLog(Logger::level, component)) {                                                 \

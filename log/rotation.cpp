@@ -2,6 +2,7 @@
 
 #include "log/log.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -14,23 +15,24 @@ namespace
 {
 constexpr int32_t kRotateBytes = 5 * 1024 * 1024;
 constexpr int32_t kRotateCountAfterDestroy = 32;
-constexpr size_t kGenerationNameBytes = 1024;
 constexpr int kDefaultComponentLevel = 4;
 
 // Close-on-exec: the client that the launcher starts must not hold the log file open.
 constexpr char kAppend[] = "ae";
 
+using GenerationName = std::array<char, 1024>;
+
 // Generation 0 is the newest. A name that does not fit is cut.
-std::string GenerationName(const std::string &path, int generation)
+GenerationName NameOf(const std::string &path, int64_t generation)
 {
-    char name[kGenerationNameBytes];
-    const int length = snprintf(name, sizeof name, "%s_%d", path.c_str(), generation);
-    return length < 0 ? std::string() : std::string(name);
+    GenerationName name = {};
+    snprintf(name.data(), name.size(), "%s_%lld", path.c_str(), static_cast<long long>(generation));
+    return name;
 }
 } // namespace
 
-std::unique_ptr<int32_t> Logger::log_size;
-std::unique_ptr<uint64_t> Logger::log_rotated_count_shared;
+int32_t *Logger::log_size = nullptr;
+uint64_t *Logger::log_rotated_count_shared = nullptr;
 uint64_t Logger::log_rotated_count_private = 0;
 
 int Logger::Initialize(Type type, const std::string &path, const std::string &configPath, int rotateCount,
@@ -55,7 +57,7 @@ int Logger::Initialize(const InitConfig &wanted)
     }
     InitializeLock();
     InitializeSharedData();
-    if (!log_size || !log_rotated_count_shared) {
+    if (log_size == nullptr || log_rotated_count_shared == nullptr) {
         return -1;
     }
     ReadLevels();
@@ -116,8 +118,9 @@ void Logger::Destroy()
         if (log_fp != nullptr) {
             fclose(log_fp);
         }
-        // A stream to write to is left behind on purpose (PrintToFilePointer() needs no initialised logger),
-        // although its type number says the other standard stream.
+        // Left behind on purpose: a stream, for PrintToFilePointer(), which needs no initialised logger. It
+        // does not match its type number, and like the number of generations that is looked at by nobody
+        // before the next Initialize() sets them.
         config.type = TYPE_STDERR;
         log_fp = stdout;
         log_path.clear();
@@ -127,35 +130,40 @@ void Logger::Destroy()
     DestroyLock();
 }
 
-// The place for a lock between processes; there is none, as one launcher at a time writes the log.
+// The place for a lock between processes. None is needed: one launcher at a time writes the log, but for the
+// few lines of a second one that is about to give up.
 void Logger::InitializeFileLock() {}
 
 void Logger::InitializeLock()
 {
     InitializeFileLock();
-    if (config.safety_scope >= SCOPE_THREAD && !log_lock) {
-        log_lock = std::make_unique<std::mutex>();
+    if (config.safety_scope >= SCOPE_THREAD && log_lock == nullptr) {
+        log_lock = new std::mutex;
     }
 }
 
 void Logger::DestroyLock()
 {
-    log_lock.reset();
+    delete log_lock;
+    log_lock = nullptr;
 }
 
 void Logger::InitializeSharedData()
 {
-    if (log_size && log_rotated_count_shared) {
+    if (log_size != nullptr && log_rotated_count_shared != nullptr) {
         return;
     }
-    log_size.reset(new (std::nothrow) int32_t(0));
-    log_rotated_count_shared.reset(new (std::nothrow) uint64_t(0));
+    DestroySharedData();
+    log_size = new (std::nothrow) int32_t(0);
+    log_rotated_count_shared = new (std::nothrow) uint64_t(0);
 }
 
 void Logger::DestroySharedData()
 {
-    log_size.reset();
-    log_rotated_count_shared.reset();
+    delete log_size;
+    log_size = nullptr;
+    delete log_rotated_count_shared;
+    log_rotated_count_shared = nullptr;
 }
 
 int Logger::GetFileSize(const std::string &path)
@@ -170,11 +178,12 @@ int Logger::GetFileSize(const std::string &path)
 
 int Logger::RotateIfFileBig(int written)
 {
-    if (config.type != TYPE_FILE || written < 0 || !log_size) {
+    if (config.type != TYPE_FILE || written < 0 || log_size == nullptr) {
         return 0;
     }
-    *log_size += written;
-    if (*log_size <= kRotateBytes) {
+    const int64_t size = static_cast<int64_t>(*log_size) + written;
+    if (size <= kRotateBytes) {
+        *log_size = static_cast<int32_t>(size);
         return 0;
     }
     const int result = Rotate();
@@ -184,26 +193,26 @@ int Logger::RotateIfFileBig(int written)
 
 int Logger::Rotate()
 {
-    const int count = config.rotate_count;
-    for (int i = count - 2; i >= 0; --i) {
-        rename(GenerationName(log_path, i).c_str(), GenerationName(log_path, i + 1).c_str());
+    const int64_t count = config.rotate_count;
+    for (int64_t i = count - 2; i >= 0; --i) {
+        rename(NameOf(log_path, i).data(), NameOf(log_path, i + 1).data());
     }
-    // Removes what has just been moved there: of `count` numbers one always stays free. Whoever collects the
-    // log files relies on at most count - 1 of them beside the live one.
-    remove(GenerationName(log_path, count - 1).c_str());
+    // Removes what has just been moved there: of two or more numbers the last always stays free. That is what
+    // docs/behaviour.md promises to those who reckon with the space.
+    remove(NameOf(log_path, count - 1).data());
 
     if (log_fp != nullptr) {
         fclose(log_fp);
         log_fp = nullptr;
     }
-    if (rename(log_path.c_str(), GenerationName(log_path, 0).c_str()) != 0) {
+    if (rename(log_path.c_str(), NameOf(log_path, 0).data()) != 0) {
         return -1;
     }
     log_fp = fopen(log_path.c_str(), kAppend);
     if (log_fp == nullptr) {
         return -1;
     }
-    if (log_rotated_count_shared) {
+    if (log_rotated_count_shared != nullptr) {
         ++*log_rotated_count_shared;
     }
     ++log_rotated_count_private;
@@ -212,8 +221,8 @@ int Logger::Rotate()
 
 void Logger::ReloadLogFile()
 {
-    if (config.type != TYPE_FILE || config.safety_scope < SCOPE_PROCESS || !log_rotated_count_shared ||
-        *log_rotated_count_shared == log_rotated_count_private) {
+    if (config.type != TYPE_FILE || config.safety_scope < SCOPE_PROCESS ||
+        log_rotated_count_shared == nullptr || *log_rotated_count_shared == log_rotated_count_private) {
         return;
     }
     if (log_fp != nullptr) {

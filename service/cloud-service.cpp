@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <QDir>
+#include <QFileInfo>
 #include <QSettings>
 
 #include "extractor/extractor.h"
@@ -20,7 +21,7 @@ constexpr int kBackupAttempts = 10;
 
 // More than any version file holds by far. A larger one is no version file, and reading it would take its
 // size in memory.
-constexpr uint64_t kVersionFileBytes = 1024 * 1024;
+constexpr qint64 kVersionFileBytes = 1024 * 1024;
 
 std::string Environment(const char *name, const char *whenUnset)
 {
@@ -37,8 +38,7 @@ void LoadVersion(const std::string &path, Service::VersionInfo &version)
         {"icon_overlay_version", &Service::VersionInfo::icon_overlay_version},
     };
 
-    _FILE_INFO_tag info;
-    if (FSStat(path, info, true) == 0 && info.size <= kVersionFileBytes) {
+    if (QFileInfo(QString::fromStdString(path)).size() <= kVersionFileBytes) {
         QSettings settings(QString::fromStdString(path), QSettings::IniFormat);
         settings.beginGroup(QStringLiteral("Version"));
         for (const auto &[key, field] : fields) {
@@ -61,7 +61,7 @@ std::string GetAppBackupDir(const std::string &base, int n)
     }
     char suffix[8] = "";
     if (snprintf(suffix, sizeof suffix, "%d", n) < 0) {
-        LOGGER_ERROR(kComponent, "snprintf failed (continuing without postfix)");
+        LOGGER_ERROR(kComponent, "snprintf failed (continuing without postfix)"); // known without a line end
         return name;
     }
     return name + suffix;
@@ -168,6 +168,7 @@ int Service::FSCopyPath(const std::string &src, const std::string &dst)
     DIR_HANDLE handle;
     const DirCloser closer(handle);
     if (FSOpenDir(src, 0, handle) < 0) {
+        // Log readers search for this text, with both blanks.
         LOGGER_WARNING(kComponent, "FSCopyPath: failed to create handle  for src '%s' failed\n", src.c_str());
         return 0; // a folder that this user may not look into is left empty, and the rest still installed
     }
@@ -266,6 +267,7 @@ int Service::BackUp(std::string &backup) const
     }
     LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s' at max retries, exiting\n",
                  app_path.c_str(), backup.c_str());
+    // Log readers know this one without a line end.
     LOGGER_ERROR(kComponent,
                  "Please check if '%s' is writable. It may be locked by another process (e.g., CLI's working "
                  "directory is set to the target).",

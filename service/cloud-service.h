@@ -66,10 +66,11 @@ public:
     // The folder under which the user's files lie: the home folder, on a Deepin desktop XDG_DATA_HOME if set.
     static QString GetUserInstallPath();
 
-    // Copies a folder with all that is in it; a link is copied as the file that it points to. 0, or -1 at the
-    // first entry that fails, with what was copied so far left in place. Two failures count as success: a
-    // `src` that is a single file which cannot be copied, and a folder that cannot be listed, which is left
-    // empty. The sub-folders of a folder are copied before its files.
+    // Copies a folder with all that is in it. A link is copied as the file that it points to, with the mode
+    // 0777 less the umask; one to a folder or to nothing fails. 0, or -1 at the first entry that fails, with
+    // what was copied so far left in place. Two failures count as success: a `src` that is a single file
+    // which cannot be copied, and a folder that cannot be listed, which is left empty. The sub-folders of a
+    // folder are copied before its files.
     int FSCopyPath(const std::string &src, const std::string &dst);
 
     // Removes the predecessor's app folder.

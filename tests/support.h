@@ -1,11 +1,12 @@
 #ifndef BRIMLOCK_TESTS_SUPPORT_H
 #define BRIMLOCK_TESTS_SUPPORT_H
 
-#include <cstdlib>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,37 +37,47 @@ inline void WriteFile(const fs::path &path, const std::string &text, mode_t mode
     chmod(path.c_str(), mode);
 }
 
-inline size_t CountOf(const std::string &text, const std::string &part)
+inline mode_t ModeOf(const fs::path &path)
 {
-    size_t count = 0;
+    struct stat info = {};
+    return lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+}
+
+inline int CountOf(const std::string &text, const std::string &part)
+{
+    int count = 0;
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
         ++count;
     }
     return count;
 }
 
-// Every file, link and folder below `folder` with what is in it, for comparing trees.
-inline std::vector<std::string> Tree(const fs::path &folder)
+// Everything below a folder, with what is in the files.
+inline std::set<std::string> Tree(const fs::path &folder)
 {
-    std::vector<std::string> entries;
+    std::set<std::string> entries;
     for (const auto &entry : fs::recursive_directory_iterator(folder)) {
         const std::string name = entry.path().lexically_relative(folder).string();
-        entries.push_back(entry.is_regular_file() ? name + "=" + ReadFile(entry.path()) : name);
+        entries.insert(entry.is_regular_file() ? name + "=" + ReadFile(entry.path()) : name);
     }
-    std::sort(entries.begin(), entries.end());
     return entries;
 }
 
-// Runs the body in a child process and returns its exit status; a signal counts as 128 and its number.
+// The exit status of a child process; a signal counts as 128 and its number.
+inline int Wait(pid_t child)
+{
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 inline int InChild(const std::function<int()> &body)
 {
     const pid_t child = fork();
     if (child == 0) {
         _exit(body());
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return Wait(child);
 }
 
 // Gives up root's powers, so that permissions apply. An ordinary user has none to give up.
@@ -84,37 +95,64 @@ protected:
     ScratchTest()
     {
         std::string name = "/tmp/brimlock-test-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) {
+        if (mkdtemp(name.data()) == nullptr || chmod(name.c_str(), 0777) != 0) {
             abort();
         }
         scratch = name;
-        chmod(name.c_str(), 0777);
+        StartLog();
     }
 
     ~ScratchTest() override
     {
         Logger::Destroy();
-        // Not the library's own removal, which is under test; it also enters folders that forbid it.
-        const std::string command =
-            "chmod -R u+rwX '" + scratch.string() + "'; rm -rf '" + scratch.string() + "'";
-        EXPECT_EQ(system(command.c_str()), 0);
+        Shell("chmod -R u+rwX . ; rm -rf '" + scratch.string() + "'"); // not by the functions under test
     }
 
-    void StartLog(const std::string &levels = "launcher_debug=7\nservice_debug=7\nextractor_debug=7\n"
-                                              "file_op_debug=7\n")
+    void StartLog(
+        const std::string &levels = "launcher_debug=7\nservice_debug=7\nextractor_debug=7\nfile_op_debug=7\n")
     {
-        WriteFile(scratch / "levels", levels);
-        ASSERT_EQ(
-            Logger::Initialize(Logger::TYPE_FILE, LogPath(), scratch / "levels", 50, Logger::SCOPE_THREAD),
-            0);
+        WriteFile(Path("levels"), levels);
+        ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, LogPath(), Path("levels"), 50, Logger::SCOPE_THREAD),
+                  0);
         chmod(LogPath().c_str(), 0666);
     }
 
-    std::string LogPath() const { return scratch / "log"; }
+    // In the scratch folder.
+    void Shell(const std::string &command) const
+    {
+        const std::string whole = "cd '" + scratch.string() + "' && { " + command + "; } >/dev/null 2>&1";
+        EXPECT_EQ(system(whole.c_str()), 0) << command;
+    }
+
+    std::string LogPath() const { return Path("log"); }
     std::string Log() const { return ReadFile(LogPath()); }
+    int Logged(const std::string &text) const { return CountOf(Log(), text); }
     std::string Path(const std::string &name) const { return scratch / name; }
 
     fs::path scratch;
+};
+
+// A virtual X server with 96 dots per inch; DISPLAY names it.
+class XServer
+{
+public:
+    XServer()
+    {
+        int number = 0;
+        if (out == nullptr || fscanf(out, "%d %d", &pid, &number) != 2) {
+            abort();
+        }
+        setenv("DISPLAY", (":" + std::to_string(number)).c_str(), 1);
+    }
+    ~XServer()
+    {
+        kill(pid, SIGTERM);
+        pclose(out);
+    }
+
+private:
+    FILE *const out = popen("exec 2>/dev/null; Xvfb -displayfd 1 -dpi 96 & echo $!; wait", "r");
+    pid_t pid = 0;
 };
 
 #endif

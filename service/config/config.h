@@ -20,8 +20,8 @@ public:
     // All pairs, in byte order of their keys.
     const std::map<std::string, std::string> &entries() const { return m_entries; }
 
-    // Parses one line, writing into it. Returns 0 for a pair, 1 for a blank or comment line, 2 for a
-    // malformed one; `key` and `value` are set only with 0.
+    // Parses one line, writing into it. Returns 0 for a pair, 1 for a blank or comment line and for a key with
+    // nothing or a "#" right behind it, 2 for a malformed line; `key` and `value` are set only with 0.
     int parse(char *line, std::string &key, std::string &value) const;
 
     // When set, a quoted value keeps its quotes.
