@@ -17,8 +17,7 @@ namespace
 {
 constexpr char kComponent[] = "extractor_debug";
 constexpr size_t kBlockBytes = 10240;
-constexpr int kDiskOptions =
-    ARCHIVE_EXTRACT_UNLINK | ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_MAC_METADATA;
+constexpr int kDiskOptions = ARCHIVE_EXTRACT_UNLINK | ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_MAC_METADATA;
 
 struct ReaderDeleter {
     void operator()(archive *reader) const { archive_read_free(reader); }
@@ -64,8 +63,7 @@ Reader OpenForReading(const std::string &source)
         return reader;
     }
     if (!Open(reader.get(), source)) {
-        LOGGER_ERROR(kComponent, "archive_read_open_filename failed: '%s'\n",
-                     archive_error_string(reader.get()));
+        LOGGER_ERROR(kComponent, "archive_read_open_filename failed: '%s'\n", archive_error_string(reader.get()));
         reader.reset();
     }
     return reader;
@@ -170,8 +168,7 @@ int Extractor::ExtractEntries(archive *reader, archive *writer, int total)
         }
         Notify_Adapter::GetInstance()->UpdateProgress(total, done);
         if (archive_write_finish_entry(writer) != ARCHIVE_OK) {
-            LOGGER_ERROR(kComponent, "archive_write_finish_entry failed: '%s'\n",
-                         archive_error_string(writer));
+            LOGGER_ERROR(kComponent, "archive_write_finish_entry failed: '%s'\n", archive_error_string(writer));
             return -1;
         }
     }

@@ -79,8 +79,8 @@ bool MakeLevel(const std::string &prefix, bool isLast)
     }
     if (isLast) {
         errno = EEXIST;
-        LOGGER_INFO(kFileOpComponent,
-                    "FSMKDirP: path: %s is existing file or symbolic link pointed to file\n", prefix.c_str());
+        LOGGER_INFO(kFileOpComponent, "FSMKDirP: path: %s is existing file or symbolic link pointed to file\n",
+                    prefix.c_str());
         return false;
     }
     // Log readers know this text, although the entry is no folder: the next level fails with ENOTDIR.
@@ -214,8 +214,7 @@ int FSMKDir(const std::string &path, bool recursive)
         if (info.type == FS_TYPE_DIR) {
             return 0;
         }
-        LOGGER_ERROR(kFileOpComponent,
-                     "FSMKDir: Create a folder but local file system is not directory '%s' (%d)\n",
+        LOGGER_ERROR(kFileOpComponent, "FSMKDir: Create a folder but local file system is not directory '%s' (%d)\n",
                      path.c_str(), static_cast<int>(info.type));
         return -1;
     }
@@ -230,8 +229,8 @@ int FSMKDirFromRoot(const std::string &target, const std::string &root)
 {
     if (root.size() > target.size()) {
         // Log readers search for this text, "then" included.
-        LOGGER_ERROR(kFileOpComponent, "Giving a root '%s' whose length is larger then target's '%s'.\n",
-                     root.c_str(), target.c_str());
+        LOGGER_ERROR(kFileOpComponent, "Giving a root '%s' whose length is larger then target's '%s'.\n", root.c_str(),
+                     target.c_str());
         return -1;
     }
     if (!FSIsParentFolder(root, target)) {

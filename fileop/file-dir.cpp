@@ -46,8 +46,7 @@ int FSOpenDir(const std::string &path, int flags, DIR_HANDLE &handle)
 {
     DIR *dir = opendir(path.c_str());
     if (dir == nullptr) {
-        LOGGER_ERROR(kFileOpComponent, "FSOpenDir: Failed to open directory '%s'. %s\n", path.c_str(),
-                     strerror(errno));
+        LOGGER_ERROR(kFileOpComponent, "FSOpenDir: Failed to open directory '%s'. %s\n", path.c_str(), strerror(errno));
         return -1;
     }
     handle.path = path;
@@ -115,10 +114,9 @@ int FSCreateTempPath(const std::string &folder, std::string &path)
 int FSCreateSymbolicLink(const std::string &target, const std::string &link)
 {
     if (symlink(target.c_str(), link.c_str()) != 0) {
-        LOGGER_ERROR(
-            kFileOpComponent,
-            "FSCreateSymbolicLink: Failed to create symbolic link '%s' -> '%s' (code: %d, msg: %s)\n",
-            target.c_str(), link.c_str(), errno, strerror(errno));
+        LOGGER_ERROR(kFileOpComponent,
+                     "FSCreateSymbolicLink: Failed to create symbolic link '%s' -> '%s' (code: %d, msg: %s)\n",
+                     target.c_str(), link.c_str(), errno, strerror(errno));
         return -1;
     }
     return 0;
@@ -129,8 +127,7 @@ int FSReadSymbolicLink(const std::string &link, std::string &target)
     char text[kPathBytes];
     const ssize_t length = readlink(link.c_str(), text, sizeof text);
     if (length < 0) {
-        LOGGER_ERROR(kFileOpComponent,
-                     "FSReadSymbolicLink: Failed to read symbolic link '%s' (code: %d, msg: %s)\n",
+        LOGGER_ERROR(kFileOpComponent, "FSReadSymbolicLink: Failed to read symbolic link '%s' (code: %d, msg: %s)\n",
                      link.c_str(), errno, strerror(errno));
         return -1;
     }
@@ -148,8 +145,8 @@ int FSChown(const std::string &path, unsigned int uid, unsigned int gid)
     // Descriptor 0 stands for no folder in particular: callers give absolute paths, and a relative one must
     // not quietly mean the current folder.
     if (fchownat(0, path.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) != 0) {
-        LOGGER_ERROR(kFileOpComponent, "FSChown: Failed to chown '%s' (code: %d, msg: %s)\n", path.c_str(),
-                     errno, strerror(errno));
+        LOGGER_ERROR(kFileOpComponent, "FSChown: Failed to chown '%s' (code: %d, msg: %s)\n", path.c_str(), errno,
+                     strerror(errno));
         return -1;
     }
     return 0;
@@ -158,8 +155,8 @@ int FSChown(const std::string &path, unsigned int uid, unsigned int gid)
 int FSChmod(const std::string &path, unsigned int mode)
 {
     if (chmod(path.c_str(), mode) != 0) {
-        LOGGER_ERROR(kFileOpComponent, "FSChmod: Failed to chmod '%s' (code: %d, msg: %s)\n", path.c_str(),
-                     errno, strerror(errno));
+        LOGGER_ERROR(kFileOpComponent, "FSChmod: Failed to chmod '%s' (code: %d, msg: %s)\n", path.c_str(), errno,
+                     strerror(errno));
         return -1;
     }
     return 0;

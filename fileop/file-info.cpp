@@ -143,8 +143,8 @@ bool isMountPoint(const std::string &path)
 {
     struct statfs status = {};
     if (statfs(path.c_str(), &status) != 0) {
-        LOGGER_ERROR(kFileOpComponent, "isMountPoint: Failed to get file system info '%s'. %s\n",
-                     path.c_str(), strerror(errno));
+        LOGGER_ERROR(kFileOpComponent, "isMountPoint: Failed to get file system info '%s'. %s\n", path.c_str(),
+                     strerror(errno));
         return false;
     }
     const auto type = static_cast<uint32_t>(status.f_type);
@@ -156,8 +156,8 @@ bool IsMSDOS(const std::string &path)
     struct statfs status = {};
     if (statfs(path.c_str(), &status) != 0) {
         // Log readers search for this name, although it is not the function's.
-        LOGGER_ERROR(kFileOpComponent, "IsSupportLargeFile: Failed to get file system info '%s'. %s\n",
-                     path.c_str(), strerror(errno));
+        LOGGER_ERROR(kFileOpComponent, "IsSupportLargeFile: Failed to get file system info '%s'. %s\n", path.c_str(),
+                     strerror(errno));
         return false;
     }
     if (static_cast<uint32_t>(status.f_type) != kMsdosMagic) {

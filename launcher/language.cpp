@@ -18,8 +18,7 @@ void initializeLanguage(QtSingleApplication &)
 {
     const QString language = VeltranoLocale::getInstance()->getDefaultLanguage();
     auto translator = std::make_unique<QTranslator>();
-    if (translator->load(":/" + language + ".qm", QString(), QString(), QString()) &&
-        !translator->isEmpty()) {
+    if (translator->load(":/" + language + ".qm", QString(), QString(), QString()) && !translator->isEmpty()) {
         QCoreApplication::installTranslator(translator.release()); // in use until the process ends
     }
     StrTable::InitStrTable();

@@ -68,8 +68,7 @@ void Worker::HandleServicce()
 Launcher::Launcher() : Launcher(std::make_unique<LinuxService>()) {}
 
 Launcher::Launcher(std::unique_ptr<Service> upgradeService)
-    : dialog(std::make_unique<ProcessingProgressDialog>()),
-      worker(std::make_unique<Worker>(std::move(upgradeService)))
+    : dialog(std::make_unique<ProcessingProgressDialog>()), worker(std::make_unique<Worker>(std::move(upgradeService)))
 {
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
@@ -83,10 +82,8 @@ Launcher::Launcher(std::unique_ptr<Service> upgradeService)
     connect(worker.get(), &Worker::sigServiceDone, this, &Launcher::LaunchDone);
     connect(worker.get(), &Worker::sigUpdateProgress, this, &Launcher::UpdateProgress);
     connect(worker.get(), &Worker::sigSetLabelText, this, &Launcher::SetLabelText);
-    connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateProgress, this,
-            &Launcher::UpdateProgress);
-    connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateDialogText, this,
-            &Launcher::SetLabelText);
+    connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateProgress, this, &Launcher::UpdateProgress);
+    connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateDialogText, this, &Launcher::SetLabelText);
 }
 
 void Launcher::Run()

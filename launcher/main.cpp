@@ -51,8 +51,7 @@ void initializeDrivePaths()
     };
     UIPathManager *paths = UIPathManager::getInstance();
     for (const auto &[key, suffix] : userPaths) {
-        paths->setPath(QLatin1String(key),
-                       QDir::cleanPath(Service::GetUserInstallPath() + QLatin1String(suffix)));
+        paths->setPath(QLatin1String(key), QDir::cleanPath(Service::GetUserInstallPath() + QLatin1String(suffix)));
     }
     paths->setPath(QStringLiteral("root_resource_path"),
                    QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/..")));
@@ -62,9 +61,9 @@ void initializeDrivePaths()
 // first character, which is what "%s" makes of a wide string; the keys that nothing sets show as empty.
 void LogStartMarker()
 {
-    for (const char *key : {"user_larkspire_path", "user_larkspire_app_path", "user_larkspire_resource_path",
-                            "user_larkspire_data_path", "user_larkspire_working_dir_path",
-                            "user_larkspire_drive_ui_path", "root_resource_path"}) {
+    for (const char *key :
+         {"user_larkspire_path", "user_larkspire_app_path", "user_larkspire_resource_path", "user_larkspire_data_path",
+          "user_larkspire_working_dir_path", "user_larkspire_drive_ui_path", "root_resource_path"}) {
         LOGGER_INFO(kComponent, ">>> %s = %s\n", key,
                     reinterpret_cast<const char *>(RegisteredPath(key).toStdWString().c_str()));
     }
@@ -72,8 +71,7 @@ void LogStartMarker()
 
 void initialize_logger()
 {
-    const std::string levelFile =
-        (RegisteredPath("root_resource_path") + "/log/launcher.debug").toStdString();
+    const std::string levelFile = (RegisteredPath("root_resource_path") + "/log/launcher.debug").toStdString();
     const QString folder = RegisteredPath("user_brimlock_path") + "/log";
     if (!QDir().mkpath(folder)) {
         return; // the logger's start state goes on: errors and warnings reach standard error
@@ -82,8 +80,7 @@ void initialize_logger()
                        Logger::SCOPE_THREAD);
     LogStartMarker();
     if (access(levelFile.c_str(), F_OK) == 0 && Config().read(levelFile) != 0) {
-        LOGGER_WARNING(kComponent, "no log levels read from '%s': unreadable or a malformed line\n",
-                       levelFile.c_str());
+        LOGGER_WARNING(kComponent, "no log levels read from '%s': unreadable or a malformed line\n", levelFile.c_str());
     }
 }
 

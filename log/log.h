@@ -125,8 +125,7 @@ private:
 };
 
 // Logger::LogMsg2() for callers that hold no string objects. `component` must not be null.
-void LogMSG_c(int level, const char *component, const char *format, va_list args)
-    __attribute__((format(printf, 3, 0)));
+void LogMSG_c(int level, const char *component, const char *format, va_list args) __attribute__((format(printf, 3, 0)));
 
 // The text after the last "/" of a source file's name.
 inline const char *LogSourceName(const char *file)
@@ -138,13 +137,13 @@ inline const char *LogSourceName(const char *file)
 // How every message of the program is logged: nothing is evaluated unless the message passes, and its text
 // follows the process, the thread, the level's tag and the place in the source. `format` is a string literal
 // that ends in "\n", but for the few messages that are known without a line end.
-#define LOGGER_WRITE(level, component, format, ...)                                                          \
-    do {                                                                                                     \
-        if (Logger::IsNeedToLog(Logger::level, component)) {                                                 \
-            Logger::LogMsg(Logger::level, component, "(%5d:%5d) [" #level "] %s(%d): " format,               \
-                           static_cast<int>(getpid()), static_cast<int>(pthread_self() % 100000),            \
-                           LogSourceName(__FILE__), __LINE__, ##__VA_ARGS__);                                \
-        }                                                                                                    \
+#define LOGGER_WRITE(level, component, format, ...)                                                                    \
+    do {                                                                                                               \
+        if (Logger::IsNeedToLog(Logger::level, component)) {                                                           \
+            Logger::LogMsg(Logger::level, component, "(%5d:%5d) [" #level "] %s(%d): " format,                         \
+                           static_cast<int>(getpid()), static_cast<int>(pthread_self() % 100000),                      \
+                           LogSourceName(__FILE__), __LINE__, ##__VA_ARGS__);                                          \
+        }                                                                                                              \
     } while (false)
 
 #define LOGGER_ERROR(component, ...) LOGGER_WRITE(ERROR, component, __VA_ARGS__)

@@ -221,8 +221,8 @@ int Logger::Rotate()
 
 void Logger::ReloadLogFile()
 {
-    if (config.type != TYPE_FILE || config.safety_scope < SCOPE_PROCESS ||
-        log_rotated_count_shared == nullptr || *log_rotated_count_shared == log_rotated_count_private) {
+    if (config.type != TYPE_FILE || config.safety_scope < SCOPE_PROCESS || log_rotated_count_shared == nullptr ||
+        *log_rotated_count_shared == log_rotated_count_private) {
         return;
     }
     if (log_fp != nullptr) {

@@ -262,11 +262,10 @@ int Service::BackUp(std::string &backup) const
         if (FSRename(app_path, backup, false) == 0) {
             return n;
         }
-        LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s'\n", app_path.c_str(),
-                     backup.c_str());
+        LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s'\n", app_path.c_str(), backup.c_str());
     }
-    LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s' at max retries, exiting\n",
-                 app_path.c_str(), backup.c_str());
+    LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s' at max retries, exiting\n", app_path.c_str(),
+                 backup.c_str());
     // Log readers know this one without a line end.
     LOGGER_ERROR(kComponent,
                  "Please check if '%s' is writable. It may be locked by another process (e.g., CLI's working "
@@ -285,8 +284,7 @@ void Service::RemoveAgedFolders()
 void Service::MigrateService()
 {
     const auto nativePath = [](const char *key) {
-        return QDir::toNativeSeparators(UIPathManager::getInstance()->getPath(QLatin1String(key)))
-            .toStdString();
+        return QDir::toNativeSeparators(UIPathManager::getInstance()->getPath(QLatin1String(key))).toStdString();
     };
     const std::string old = nativePath("user_larkspire_path");
     const std::string current = nativePath("user_brimlock_path");

@@ -31,10 +31,8 @@ TEST(StringsTest, TheTableIsWhole)
     for (int id = 0; id < StrTable::NUM_STRING_IDS; ++id) {
         const QString key = StrTable::ktab[id];
         const QString text = StrTable::stab[id];
-        EXPECT_EQ(StrTable::LookupStrID(key.toUpper()), id)
-            << "a key that comes twice: " << key.toStdString();
-        EXPECT_FALSE(text.isEmpty() || text == key || text.contains('\n') || text.contains('\t'))
-            << key.toStdString();
+        EXPECT_EQ(StrTable::LookupStrID(key.toUpper()), id) << "a key that comes twice: " << key.toStdString();
+        EXPECT_FALSE(text.isEmpty() || text == key || text.contains('\n') || text.contains('\t')) << key.toStdString();
         const std::multiset<int> all = Markers(text);
         const std::set<int> markers(all.begin(), all.end());
         withArgument += static_cast<int>(markers.count(1));
@@ -43,8 +41,7 @@ TEST(StringsTest, TheTableIsWhole)
             << "a gap in the markers of " << key.toStdString();
     }
     EXPECT_EQ(withArgument, 124);
-    for (const auto &[key, id] :
-         {std::pair("tray_delete", 0), {"APP_NAME_DRIVE_CLIENT", 847}, {"no_such_key", -1}}) {
+    for (const auto &[key, id] : {std::pair("tray_delete", 0), {"APP_NAME_DRIVE_CLIENT", 847}, {"no_such_key", -1}}) {
         EXPECT_EQ(StrTable::LookupStrID(key), id);
     }
     EXPECT_EQ(StrTable::LookupStrID("notification_shared_label_owner_transfer_with_filename_plural"), 1180);
@@ -66,8 +63,7 @@ TEST(StringsTest, NoLanguageLosesATextOrAMarker)
             const QString text = translator.translate("global", StrTable::stab[id]);
             const bool isShown = id == 516 || id == 531 || id == 847;
             EXPECT_TRUE(!text.isEmpty() || !isShown) << code << " lacks row " << id;
-            EXPECT_TRUE(text.isEmpty() || Markers(text) == Markers(StrTable::stab[id]))
-                << code << " row " << id;
+            EXPECT_TRUE(text.isEmpty() || Markers(text) == Markers(StrTable::stab[id])) << code << " row " << id;
             EXPECT_TRUE(!isShown || code == "enu" || text != StrTable::stab[id])
                 << code << " row " << id << " is English";
         }

@@ -108,12 +108,10 @@ protected:
         Shell("chmod -R u+rwX . ; rm -rf '" + scratch.string() + "'"); // not by the functions under test
     }
 
-    void StartLog(
-        const std::string &levels = "launcher_debug=7\nservice_debug=7\nextractor_debug=7\nfile_op_debug=7\n")
+    void StartLog(const std::string &levels = "launcher_debug=7\nservice_debug=7\nextractor_debug=7\nfile_op_debug=7\n")
     {
         WriteFile(Path("levels"), levels);
-        ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, LogPath(), Path("levels"), 50, Logger::SCOPE_THREAD),
-                  0);
+        ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, LogPath(), Path("levels"), 50, Logger::SCOPE_THREAD), 0);
         chmod(LogPath().c_str(), 0666);
     }
 

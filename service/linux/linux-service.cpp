@@ -127,8 +127,7 @@ int LinuxService::LaunchPerUserBin()
 }
 
 PackageInfo::PackageInfo()
-    : images_folder(std::string(kInstallRoot) + "/images"),
-      user_folder(QDir::homePath().toStdString() + "/.Brimlock"),
+    : images_folder(std::string(kInstallRoot) + "/images"), user_folder(QDir::homePath().toStdString() + "/.Brimlock"),
       debug_file(std::string(kInstallRoot) + "/log/launcher.debug"),
       package_archive(std::string(kInstallRoot) + "/package/larkspire.vpk"),
       conf_folder(std::string(kInstallRoot) + "/conf")
