@@ -27,7 +27,8 @@ protected:
         Shell(
             "for c in base/app:1000 opt/package/larkspire:1001; do d=${c%:*}; mkdir -p $d/package; echo ${c#*:} >$d/ui;"
             "printf '[Version]\\nmajor_version=1\\nminor_version=2\\nbuild_version='${c#*:} >$d/INFO; chmod 755 $d/ui;"
-            "printf '#!/bin/sh\\necho '${c#*:}' $1 >>'$PWD/started >$d/package/start-stop; chmod 755 $d/package/*; "
+            "printf '#!/bin/sh\\necho '${c#*:}' $1 >>\"'\"$PWD\"'/started\"\n' >$d/package/start-stop; chmod 755 "
+            "$d/package/*; "
             "done;"
             "mkdir -p $d/lib/deep $d/empty; printf '\\0binary' >$d/lib/deep/data; cp $d/INFO opt");
     }

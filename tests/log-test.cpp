@@ -128,11 +128,9 @@ TEST_F(LogTest, ThreadsLoseAndTearNoLineThroughRotations)
     std::vector<int> lines(4);
     std::istringstream all(Generation(2) + Generation(1) + Generation(0) + Log());
     for (std::string line; std::getline(all, line);) {
-        int t = 0;
-        int i = 0;
-        ASSERT_EQ(sscanf(line.c_str() + kStampBytes, "<%1d %d", &t, &i), 2) << line;
-        ASSERT_EQ(line.substr(line.size() - filler.size() - 1), filler + ">");
-        ASSERT_EQ(i, lines.at(t)++);
+        const int t = line.at(kStampBytes + 1) - '0';
+        ASSERT_EQ(line.substr(kStampBytes),
+                  "<" + std::to_string(t) + " " + std::to_string(lines.at(t)++) + filler + ">");
     }
     EXPECT_EQ(lines, std::vector<int>(4, 2500));
 }

@@ -63,6 +63,16 @@ inline std::set<std::string> Tree(const fs::path &folder)
     return entries;
 }
 
+// Runs the body in a child process.
+inline pid_t Spawn(const std::function<int()> &body)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(body());
+    }
+    return child;
+}
+
 // The exit status of a child process; a signal counts as 128 and its number.
 inline int Wait(pid_t child)
 {
@@ -73,11 +83,7 @@ inline int Wait(pid_t child)
 
 inline int InChild(const std::function<int()> &body)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(body());
-    }
-    return Wait(child);
+    return Wait(Spawn(body));
 }
 
 // Gives up root's powers, so that permissions apply. An ordinary user has none to give up.
@@ -94,7 +100,7 @@ class ScratchTest : public testing::Test
 protected:
     ScratchTest()
     {
-        std::string name = "/tmp/brimlock-test-XXXXXX";
+        std::string name = "/tmp/brimlock t\xc3\xabst-XXXXXX"; // as the path of a home folder may be
         if (mkdtemp(name.data()) == nullptr || chmod(name.c_str(), 0777) != 0) {
             abort();
         }
@@ -108,7 +114,7 @@ protected:
         Shell("chmod -R u+rwX . ; rm -rf '" + scratch.string() + "'"); // not by the functions under test
     }
 
-    void StartLog(const std::string &levels = "launcher_debug=7\nservice_debug=7\nextractor_debug=7\nfile_op_debug=7\n")
+    void StartLog(const char *levels = "launcher_debug=7\nservice_debug=7\nextractor_debug=7\nfile_op_debug=7\n")
     {
         WriteFile(Path("levels"), levels);
         ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, LogPath(), Path("levels"), 50, Logger::SCOPE_THREAD), 0);
