@@ -30,7 +30,8 @@ protected:
 
     pid_t Start(rlim_t fileBytes = RLIM_INFINITY)
     {
-        Shell("test $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk)");
+        // As far as what is in there stands still: a launcher may be at work.
+        Shell("test $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk) || true");
         return Spawn([this, fileBytes] {
             const rlimit limit = {fileBytes, fileBytes};
             setenv("HOME", Path("home").c_str(), 1);
@@ -60,8 +61,8 @@ std::string AskWindow(const std::string &command)
     return std::string(answer, fread(answer, 1, sizeof answer, pipe.get()));
 }
 
-// What a window manager sends when the user closes a window.
-void AskToClose(Window window)
+// What a window manager sends when the user closes a window; the connection to the display.
+Display *AskToClose(Window window)
 {
     Display *display = XOpenDisplay(nullptr);
     XEvent event = {};
@@ -71,7 +72,8 @@ void AskToClose(Window window)
     event.xclient.format = 32;
     event.xclient.data.l[0] = static_cast<long>(XInternAtom(display, "WM_DELETE_WINDOW", False));
     XSendEvent(display, window, False, NoEventMask, &event);
-    XCloseDisplay(display);
+    XFlush(display);
+    return display;
 }
 } // namespace
 
@@ -120,18 +122,16 @@ TEST_F(LaunchTest, OneLauncherOfAUserRunsAtATime)
 {
     Given("1");
     std::vector<pid_t> launchers;
-    for (const char *variable : {"A", "XDG_RUNTIME_DIR", "TMPDIR", "XDG_DATA_HOME", "USER"}) {
-        for (const std::string &value : {Path("opt"), std::string()}) {
-            setenv(variable, value.c_str(), 1);
-            launchers.push_back(Start());
-        }
+    for (const char *variable : {"A", "XDG_RUNTIME_DIR", "TMPDIR", "XDG_DATA_HOME", "USER", "LOGNAME"}) {
+        setenv(variable, "/nonexistent", 1);
+        launchers.push_back(Start());
         unsetenv(variable);
     }
     for (const pid_t launcher : launchers) {
         EXPECT_EQ(Wait(launcher), 0);
     }
     EXPECT_EQ(Started(), "new start\n");
-    EXPECT_EQ(LauncherLogged("app has already launched, return\n"), 9);
+    EXPECT_EQ(LauncherLogged("app has already launched, return\n"), 5);
     const uid_t user = getuid() == 0 ? kNobody : getuid();
     EXPECT_EQ(ModeOf("/tmp/.veltrano-brimlock-launcher-" + std::to_string(user) + ".lock"), 0600u) << "for nobody else";
 
@@ -149,21 +149,20 @@ TEST_F(LaunchTest, OneLauncherOfAUserRunsAtATime)
 TEST_F(LaunchTest, NothingThatHappensToTheWindowEndsTheRun)
 {
     for (const auto &[dpi, geometry] : {std::pair("96", "Geometry: 400x"), {"144", "Geometry: 600x"}}) {
-        auto server = std::make_unique<XServer>();
         Given("2");
         setenv("QT_FONT_DPI", dpi, 1);
         const pid_t launcher = Start();
         EXPECT_NE(AskWindow("getwindowgeometry").find(geometry), std::string::npos);
-        AskToClose(std::stoul("0" + AskWindow("")));
+        const Window window = std::stoul("0" + AskWindow(""));
+        Display *display = AskToClose(window);
         AskWindow("key --window %1 Escape sleep 0.3");
         EXPECT_NE(AskWindow(""), "") << "it is still there";
-        server.reset();
+        XKillClient(display, window);
+        XCloseDisplay(display);
         EXPECT_EQ(Started(), "");
         EXPECT_EQ(Wait(launcher), 0);
         EXPECT_EQ(Started(), "new start\n") << "even without a display";
     }
-    unsetenv("QT_FONT_DPI");
-    unsetenv("DISPLAY");
 }
 
 TEST_F(LaunchTest, KilledAtAnyMomentItLeavesACompleteCopy)
@@ -196,7 +195,7 @@ int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
     setenv("LC_ALL", "C", 1);
-    for (const char *variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "LANGUAGE", "XDG_CURRENT_DESKTOP"}) {
+    for (const char *variable : {"WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "LANGUAGE", "XDG_CURRENT_DESKTOP"}) {
         unsetenv(variable);
     }
     return RUN_ALL_TESTS();

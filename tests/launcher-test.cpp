@@ -78,12 +78,11 @@ TEST_F(LauncherTest, AFailedExtractionRollsBackAndStartsTheOldClient)
 
 TEST_F(LauncherTest, TextsAndFontFollowTheLanguage)
 {
-    for (const auto &[locale, family, name] : {std::tuple("th_TH.UTF-8", "Microsoft Sans Serif", "ไคลเอ็นต์ Brimlock"),
-                                               {"ja_JP", "Arial", "Brimlock クライアント"},
-                                               {"fi_FI", "Arial", "Brimlock Client"}}) {
+    for (const auto &[locale, font, name] : {std::tuple("th_TH.UTF-8", "Microsoft Sans Serif,9,", "ไคลเอ็นต์ Brimlock"),
+                                             {"fi_FI", "Arial,9,", "Brimlock Client"}}) {
         setenv("LC_ALL", locale, 1);
         initializeLanguage(*static_cast<QtSingleApplication *>(qApp));
-        EXPECT_EQ(QApplication::font().toString().section(',', 0, 1), QString(family) + ",9");
+        EXPECT_TRUE(QApplication::font().toString().startsWith(font)) << locale;
         EXPECT_EQ(ProcessingProgressDialog().windowTitle().toStdString(), name);
     }
 }
@@ -91,7 +90,6 @@ TEST_F(LauncherTest, TextsAndFontFollowTheLanguage)
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    const XServer server;
     setenv("LC_ALL", "C", 1);
     QtSingleApplication app(argc, argv, true);
     initializeLanguage(app);

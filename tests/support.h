@@ -136,27 +136,4 @@ protected:
     fs::path scratch;
 };
 
-// A virtual X server with 96 dots per inch; DISPLAY names it.
-class XServer
-{
-public:
-    XServer()
-    {
-        int number = 0;
-        if (out == nullptr || fscanf(out, "%d %d", &pid, &number) != 2) {
-            abort();
-        }
-        setenv("DISPLAY", (":" + std::to_string(number)).c_str(), 1);
-    }
-    ~XServer()
-    {
-        kill(pid, SIGTERM);
-        pclose(out);
-    }
-
-private:
-    FILE *const out = popen("exec 2>/dev/null; Xvfb -displayfd 1 -dpi 96 & echo $!; wait", "r");
-    pid_t pid = 0;
-};
-
 #endif
