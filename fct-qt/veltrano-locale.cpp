@@ -8,7 +8,7 @@ namespace
 QString LocaleName()
 {
     for (const char *variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-        const QString name = QString::fromLatin1(qgetenv(variable));
+        QString name = QString::fromLatin1(qgetenv(variable));
         if (!name.isEmpty()) {
             return name;
         }

@@ -21,7 +21,7 @@ constexpr int kBackupAttempts = 10;
 
 // More than any version file holds by far. A larger one is no version file, and reading it would take its
 // size in memory.
-constexpr qint64 kVersionFileBytes = 1024 * 1024;
+constexpr qint64 kVersionFileBytes = 1 << 20;
 
 std::string Environment(const char *name, const char *whenUnset)
 {
@@ -55,7 +55,7 @@ void LoadVersion(const std::string &path, Service::VersionInfo &version)
 // The name that the app folder gets while it is replaced.
 std::string GetAppBackupDir(const std::string &base, int n)
 {
-    const std::string name = base + "_tmp";
+    std::string name = base + "_tmp";
     if (n == 0) {
         return name;
     }
