@@ -87,7 +87,6 @@ TEST_F(LauncherTest, TextsAndFontFollowTheLanguage)
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    setenv("LC_ALL", "C", 1);
     QtSingleApplication app(argc, argv, true);
     initializeLanguage(app);
     return RUN_ALL_TESTS();
