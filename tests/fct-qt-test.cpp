@@ -1,48 +1,18 @@
-#include <QGuiApplication>
-
 #include "fct-qt/dpi-info.h"
 #include "fct-qt/qt-single-application.h"
 #include "fct-qt/veltrano-locale.h"
 #include "tests/support.h"
 
-namespace
-{
-// What the body returns with an application object, in a child process: a process has one at most.
-int InApplication(bool guiEnabled, const std::function<bool()> &body)
-{
-    return InChild([&] {
-        int argc = 1;
-        char name[] = "test";
-        char *argv[] = {name, nullptr};
-        const QtSingleApplication app(argc, argv, guiEnabled);
-        return body();
-    });
-}
-} // namespace
-
-TEST(SingleApplicationTest, StartsWithoutADisplayAndPassesNoChoiceOfPlatformOn)
-{
-    unsetenv("WAYLAND_DISPLAY");
-    unsetenv("QT_QPA_PLATFORM");
-    for (const char *display : {"", ":987"}) {
-        setenv("DISPLAY", display, 1);
-        const auto isUnseen = [] {
-            return QGuiApplication::platformName() == "offscreen" && !getenv("QT_QPA_PLATFORM");
-        };
-        EXPECT_EQ(InApplication(true, isUnseen), 1) << display;
-    }
-}
-
 TEST(DpiTest, ScalesLengthsInPixelsAndNothingElse)
 {
+    int argc = 1;
+    char name[] = "test";
+    char *argv[] = {name, nullptr};
     setenv("QT_FONT_DPI", "144", 1);
-    const auto isScaled = [] {
-        return DPIinfo::getInstance()->getDPI() == 1.5 &&
-               DPIinfo::getInstance()->getScaledStyleSheet(
-                   "a#a4px { m: 4px -7.5px .1px 0px; f: 9pt; u: url(8px.png) }") ==
-                   "a#a4px { m: 6px -11px 1px 0px; f: 9pt; u: url(8px.png) }";
-    };
-    EXPECT_EQ(InApplication(false, isScaled), 1);
+    const QtSingleApplication app(argc, argv, false);
+    EXPECT_EQ(DPIinfo::getInstance()->getDPI(), 1.5);
+    EXPECT_EQ(DPIinfo::getInstance()->getScaledStyleSheet("a#a4px { m: 4px -7.5px .1px 0px; f: 9pt; u: url(8px.png) }"),
+              "a#a4px { m: 6px -11px 1px 0px; f: 9pt; u: url(8px.png) }");
 }
 
 TEST(LocaleTest, TheLanguageFollowsTheDesktop)

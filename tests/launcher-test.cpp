@@ -42,6 +42,8 @@ TEST_F(LauncherTest, TheWindowCountsInPercentAndCannotBeCancelled)
         launcher->UpdateProgress(3, done);
         EXPECT_EQ(dialog->value(), percent);
     }
+    dialog->close(); // what the window manager asks for
+    EXPECT_TRUE(dialog->isVisible());
 }
 
 TEST_F(LauncherTest, AnUpgradeByExtractionReachesTheWindowAndTheClient)
