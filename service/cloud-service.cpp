@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 #include <vector>
 
 #include <QDir>
@@ -28,8 +29,8 @@ std::string Environment(const char *name, const char *whenUnset)
     return qEnvironmentVariableIsSet(name) ? qgetenv(name).toStdString() : whenUnset;
 }
 
-// Reads what the file has to say into `version` and leaves the rest of it alone.
-void LoadVersion(const std::string &path, Service::VersionInfo &version)
+// Reads what the file has to say into `version`, which the log calls `name`, and leaves the rest of it alone.
+void LoadVersion(const char *name, const std::string &path, Service::VersionInfo &version)
 {
     const std::pair<const char *, std::string Service::VersionInfo::*> fields[] = {
         {"major_version", &Service::VersionInfo::major_version},
@@ -50,6 +51,8 @@ void LoadVersion(const std::string &path, Service::VersionInfo &version)
     if (version.build_version.empty()) {
         LOGGER_WARNING(kComponent, "no build_version in '%s', taken as 0\n", path.c_str());
     }
+    LOGGER_INFO(kComponent, "%s = (%s, %s, %s, %s)\n", name, version.major_version.c_str(),
+                version.minor_version.c_str(), version.build_version.c_str(), version.icon_overlay_version.c_str());
 }
 
 // The name that the app folder gets while it is replaced.
@@ -97,6 +100,21 @@ int ReportedCopy(int result, const std::string &src, const std::string &dst)
     LOGGER_ERROR(kComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", src.c_str(), dst.c_str());
     return -1;
 }
+
+// The version file comes last of all: a copy that was cut short has none, so that the next start takes it for an old
+// one and replaces it.
+int CopyFiles(std::vector<std::string> names, const std::string &src, const std::string &dst)
+{
+    std::partition(names.begin(), names.end(), [](const std::string &name) { return name != kVersionFile; });
+    for (const std::string &name : names) {
+        const std::string from = src + "/" + name;
+        const std::string to = dst + "/" + name;
+        if (ReportedCopy(FSCopy(from, to, false, true), from, to) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
 } // namespace
 
 bool IsUOSDesktop()
@@ -128,20 +146,14 @@ void Service::LoadSourceVersion()
         LOGGER_INFO(kComponent, "source does not exist\n");
         return;
     }
-    LoadVersion(path, source_version);
-    LOGGER_INFO(kComponent, "source_version = (%s, %s, %s, %s)\n", source_version.major_version.c_str(),
-                source_version.minor_version.c_str(), source_version.build_version.c_str(),
-                source_version.icon_overlay_version.c_str());
+    LoadVersion("source_version", path, source_version);
 }
 
 void Service::LoadTargetVersion()
 {
     // No look whether the file exists: an install without one counts as build 0, and the four empty values in
     // the log say so.
-    LoadVersion(RegisteredPath("root_resource_path") + "/" + kVersionFile, target_version);
-    LOGGER_INFO(kComponent, "target_version = (%s, %s, %s, %s)\n", target_version.major_version.c_str(),
-                target_version.minor_version.c_str(), target_version.build_version.c_str(),
-                target_version.icon_overlay_version.c_str());
+    LoadVersion("target_version", RegisteredPath("root_resource_path") + "/" + kVersionFile, target_version);
 }
 
 int Service::FSCopyPath(const std::string &src, const std::string &dst)
@@ -187,18 +199,7 @@ int Service::FSCopyPath(const std::string &src, const std::string &dst)
             return -1;
         }
     }
-
-    // The version file comes last of all: a copy that was cut short has none, so that the next start takes it
-    // for an old one and replaces it.
-    std::partition(files.begin(), files.end(), [](const std::string &name) { return name != kVersionFile; });
-    for (const std::string &name : files) {
-        const std::string from = src + "/" + name;
-        const std::string to = dst + "/" + name;
-        if (ReportedCopy(FSCopy(from, to, false, true), from, to) != 0) {
-            return -1;
-        }
-    }
-    return 0;
+    return CopyFiles(std::move(files), src, dst);
 }
 
 int Service::CopyPackage()

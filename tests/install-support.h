@@ -8,7 +8,7 @@
 #include "service/linux/linux-service.h"
 #include "tests/support.h"
 
-// A user's copy, build 1000, in base/app and a shipped client, build 1001, in opt. The start scripts tell.
+// A user's copy and a newer shipped client, as install.sh makes them.
 class InstallTest : public ScratchTest
 {
 protected:
@@ -24,13 +24,7 @@ protected:
         for (const auto &[key, path] : paths) {
             UIPathManager::getInstance()->setPath(key, QString::fromStdString(Path(path)));
         }
-        Shell(
-            "for c in base/app:1000 opt/package/larkspire:1001; do d=${c%:*}; mkdir -p $d/package; echo ${c#*:} >$d/ui;"
-            "printf '[Version]\\nmajor_version=1\\nminor_version=2\\nbuild_version='${c#*:} >$d/INFO; chmod 755 $d/ui;"
-            "printf '#!/bin/sh\\necho '${c#*:}' $1 >>\"'\"$PWD\"'/started\"\n' >$d/package/start-stop; chmod 755 "
-            "$d/package/*; "
-            "done;"
-            "mkdir -p $d/lib/deep $d/empty; printf '\\0binary' >$d/lib/deep/data; cp $d/INFO opt");
+        Shell(". '" BRIMLOCK_TESTS "/install.sh'");
     }
 
     const std::string app = Path("base/app");

@@ -15,7 +15,7 @@ protected:
     // ends, after this many seconds.
     void Given(const std::string &seconds)
     {
-        Shell("rm -rf home opt disk started; mkdir -p opt/bin opt/log home; cp " BRIMLOCK_LAUNCHER " opt/bin");
+        Shell("rm -rf home opt disk started; mkdir -p opt/bin opt/log home; cp '" BRIMLOCK_LAUNCHER "' opt/bin");
         for (const auto &[folder, build, name] : {std::tuple(app, "1000", "old"), {package, "1001", "new"}}) {
             const std::string sign =
                 std::string("\necho ") + name + " $1$QT_QPA_PLATFORM >>'" + Path("started") + "'\n";

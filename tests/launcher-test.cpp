@@ -26,6 +26,14 @@ protected:
         }
     }
 
+    void RunWithPackage(const std::string &pack)
+    {
+        Shell("cd opt/package/larkspire; " + pack);
+        launcher->Run();
+        launcher->Start();
+        EXPECT_EQ(QApplication::exec(), 0);
+    }
+
     const std::unique_ptr<Launcher> launcher = std::make_unique<Launcher>(std::make_unique<ExtractingService>());
     ProcessingProgressDialog *dialog = nullptr;
 };
@@ -51,10 +59,7 @@ TEST_F(LauncherTest, AnUpgradeByExtractionReachesTheWindowAndTheClient)
     std::vector<int> values;
     QObject::connect(dialog->findChild<QProgressBar *>(), &QProgressBar::valueChanged,
                      [&values](int value) { values.push_back(value); });
-    Shell("cd opt/package/larkspire; rm -r lib empty; tar -czf ../larkspire.vpk ui package");
-    launcher->Run();
-    launcher->Start();
-    EXPECT_EQ(QApplication::exec(), 0);
+    RunWithPackage("rm -r lib empty; tar -czf ../larkspire.vpk ui package");
     EXPECT_EQ(values, (std::vector<int>{33, 66, 100}));
     EXPECT_EQ(dialog->labelText(), "Brimlock Client is ready.");
     EXPECT_FALSE(dialog->isVisible());
@@ -66,10 +71,7 @@ TEST_F(LauncherTest, AnUpgradeByExtractionReachesTheWindowAndTheClient)
 TEST_F(LauncherTest, AFailedExtractionRollsBackAndStartsTheOldClient)
 {
     const auto old = Tree(Path("base"));
-    Shell("cd opt/package/larkspire; ln ui hardlink; tar -czf ../larkspire.vpk ui hardlink");
-    launcher->Run();
-    launcher->Start();
-    EXPECT_EQ(QApplication::exec(), 0);
+    RunWithPackage("ln ui hardlink; tar -czf ../larkspire.vpk ui hardlink");
     EXPECT_EQ(Tree(Path("base")), old);
     EXPECT_EQ(ReadFile(Path("started")), "1000 start\n");
     EXPECT_EQ(Logged("Failed to upgrade package\n"), 1);
