@@ -72,11 +72,11 @@ Reader OpenForReading(const std::string &source)
 
 int Extractor::Count()
 {
-    if (m_target.empty() || m_source.empty()) {
+    if (target.empty() || source.empty()) {
         LOGGER_ERROR(kComponent, "Invalid argument\n");
         return -1;
     }
-    const Reader reader = OpenForReading(m_source);
+    const Reader reader = OpenForReading(source);
     if (!reader) {
         return -1;
     }
@@ -91,11 +91,11 @@ int Extractor::Count()
 
 int Extractor::List()
 {
-    if (m_target.empty() || m_source.empty()) {
+    if (target.empty() || source.empty()) {
         // No return: with an empty source the listing of what comes in on standard input is relied on.
         LOGGER_ERROR(kComponent, "Invalid argument\n");
     }
-    const Reader reader = OpenForReading(m_source);
+    const Reader reader = OpenForReading(source);
     if (!reader) {
         return -1;
     }
@@ -111,12 +111,12 @@ int Extractor::List()
 
 int Extractor::Extract()
 {
-    if (m_source.empty() || m_target.empty()) {
+    if (source.empty() || target.empty()) {
         // The capital A tells log readers that it was not Count().
         LOGGER_ERROR(kComponent, "Invalid Argument\n");
         return -1;
     }
-    LOGGER_DEBUG(kComponent, "decompress from '%s' to '%s'\n", m_source.c_str(), m_target.c_str());
+    LOGGER_DEBUG(kComponent, "decompress from '%s' to '%s'\n", source.c_str(), target.c_str());
 
     // Said before the archive is touched: the label shows also when extraction fails at once.
     Notify_Adapter::GetInstance()->UpdateDialogText(
@@ -135,8 +135,8 @@ int Extractor::Extract()
         return -1;
     }
     archive_write_disk_set_options(writer.get(), kDiskOptions);
-    if (!Open(reader.get(), m_source)) {
-        LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", m_source.c_str(),
+    if (!Open(reader.get(), source)) {
+        LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", source.c_str(),
                      archive_error_string(reader.get()));
         return -1;
     }
@@ -161,7 +161,7 @@ int Extractor::ExtractEntries(archive *reader, archive *writer, int total)
                          "archive_entry_pathname failed"); // log readers know it without a line end
             return -1;
         }
-        archive_entry_set_pathname(entry, (m_target + "/" + name).c_str());
+        archive_entry_set_pathname(entry, (target + "/" + name).c_str());
         if (archive_read_extract2(reader, entry, writer) != ARCHIVE_OK) {
             LOGGER_ERROR(kComponent, "archive_read_extract2 failed: '%s'\n", WriteFailure(writer, reader));
             return -1;

@@ -12,10 +12,10 @@ class Extractor
 {
 public:
     // A file. A FIFO is refused, "/dev/stdin" included when it is one: nobody may ever write to it.
-    void SetSource(const std::string &path) { m_source = path; }
+    void SetSource(const std::string &path) { source = path; }
 
     // The folder to unpack into, without a trailing "/".
-    void SetTarget(const std::string &folder) { m_target = folder; }
+    void SetTarget(const std::string &folder) { target = folder; }
 
     // The number of entries, or -1 when the source cannot be opened or source or target is not set. Counting
     // ends, without a failure, at the first entry that cannot be read.
@@ -38,8 +38,8 @@ public:
 private:
     int ExtractEntries(archive *reader, archive *writer, int total);
 
-    std::string m_target;
-    std::string m_source;
+    std::string target;
+    std::string source;
 };
 
 #endif

@@ -10,15 +10,15 @@ class UIPathManager
 public:
     static UIPathManager *getInstance();
 
-    void setPath(const QString &key, const QString &value) { m_paths.insert(key, value); }
+    void setPath(const QString &key, const QString &value) { paths.insert(key, value); }
 
     // The path; empty for an unknown key.
-    QString getPath(const QString &key) const { return m_paths.value(key); }
+    QString getPath(const QString &key) const { return paths.value(key); }
 
 private:
     UIPathManager() = default;
 
-    QHash<QString, QString> m_paths;
+    QHash<QString, QString> paths;
 };
 
 #endif

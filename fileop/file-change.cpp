@@ -25,21 +25,21 @@ constexpr mode_t kNewFolderMode = 0777;
 class ScopedFd
 {
 public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
+    explicit ScopedFd(int opened) : fd(opened) {}
     ~ScopedFd()
     {
         if (valid()) {
-            close(m_fd);
+            close(fd);
         }
     }
     ScopedFd(const ScopedFd &) = delete;
     ScopedFd &operator=(const ScopedFd &) = delete;
 
-    bool valid() const { return m_fd >= 0; }
-    int get() const { return m_fd; }
+    bool valid() const { return fd >= 0; }
+    int get() const { return fd; }
 
 private:
-    const int m_fd;
+    const int fd;
 };
 
 struct DirCloser {

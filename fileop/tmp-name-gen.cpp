@@ -15,19 +15,19 @@ TmpNameGen *TmpNameGen::getInstance()
 
 void TmpNameGen::reseed()
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     std::random_device device("default");
-    m_engine.seed(device());
+    engine.seed(device());
 }
 
 std::string TmpNameGen::getTmpName()
 {
     static std::uniform_int_distribution<int> distribution(0, kAlphabetSize - 1);
 
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     std::string name;
     for (size_t i = 0; i < kNameLength; ++i) {
-        name += kAlphabet[distribution(m_engine)];
+        name += kAlphabet[distribution(engine)];
     }
     return name;
 }

@@ -24,8 +24,8 @@ public:
 private:
     TmpNameGen() { reseed(); }
 
-    std::mutex m_mutex;
-    std::linear_congruential_engine<uint64_t, 16807, 0, 2147483647> m_engine;
+    std::mutex mutex;
+    std::linear_congruential_engine<uint64_t, 16807, 0, 2147483647> engine;
 };
 
 #endif

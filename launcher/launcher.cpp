@@ -17,30 +17,32 @@ constexpr int kPercent = 100;
 Worker::Worker() : Worker(std::make_unique<LinuxService>()) {}
 
 Worker::Worker(std::unique_ptr<Service> upgradeService)
-    : service(std::move(upgradeService)), thread(std::make_unique<HandlerThread>())
+    : handlerThread(std::make_unique<HandlerThread>()), service(std::move(upgradeService))
 {
-    moveToThread(thread.get());
+    moveToThread(handlerThread.get());
 }
 
 Worker::~Worker()
 {
     QuitThread();
     JoinThread();
+    handlerThread.reset();
+    service.reset();
 }
 
 void Worker::StartThread()
 {
-    thread->start(QThread::InheritPriority);
+    handlerThread->start(QThread::InheritPriority);
 }
 
 void Worker::QuitThread()
 {
-    thread->quit();
+    handlerThread->quit();
 }
 
 void Worker::JoinThread()
 {
-    thread->wait();
+    handlerThread->wait();
 }
 
 void Worker::HandleServicce()
@@ -68,7 +70,7 @@ void Worker::HandleServicce()
 Launcher::Launcher() : Launcher(std::make_unique<LinuxService>()) {}
 
 Launcher::Launcher(std::unique_ptr<Service> upgradeService)
-    : dialog(std::make_unique<ProcessingProgressDialog>()), worker(std::make_unique<Worker>(std::move(upgradeService)))
+    : worker(std::make_unique<Worker>(std::move(upgradeService))), dialog(std::make_unique<ProcessingProgressDialog>())
 {
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
@@ -84,6 +86,12 @@ Launcher::Launcher(std::unique_ptr<Service> upgradeService)
     connect(worker.get(), &Worker::sigSetLabelText, this, &Launcher::SetLabelText);
     connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateProgress, this, &Launcher::UpdateProgress);
     connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateDialogText, this, &Launcher::SetLabelText);
+}
+
+Launcher::~Launcher()
+{
+    worker.reset();
+    dialog.reset();
 }
 
 void Launcher::Run()

@@ -46,9 +46,9 @@ public slots:
     void HandleServicce();
 
 private:
-    // The thread is deleted before the service, which its last slot call may still use.
-    const std::unique_ptr<Service> service;
-    const std::unique_ptr<HandlerThread> thread;
+    // Deleted in this order: the thread's last slot call may still use the service.
+    std::unique_ptr<HandlerThread> handlerThread;
+    std::unique_ptr<Service> service;
 };
 
 // Wires the worker to the progress window, on the GUI thread, and ends the program when the worker is done.
@@ -58,6 +58,7 @@ class Launcher : public QObject
 public:
     Launcher();
     explicit Launcher(std::unique_ptr<Service> upgradeService);
+    ~Launcher() override;
 
     // Starts the thread. Start() then starts the run.
     void Run();
@@ -81,9 +82,9 @@ public slots:
     void ShowMsgBox();
 
 private:
-    // The worker goes first: while it ends it may still report to the window.
-    const std::unique_ptr<ProcessingProgressDialog> dialog;
-    const std::unique_ptr<Worker> worker;
+    // Deleted in this order: while the worker ends it may still report to the window.
+    std::unique_ptr<Worker> worker;
+    std::unique_ptr<ProcessingProgressDialog> dialog;
 };
 
 #endif

@@ -7,6 +7,7 @@
 #include <QTextCodec>
 #include <unistd.h>
 
+#include "fct-qt/path-keys.h"
 #include "fct-qt/qt-single-application.h"
 #include "fct-qt/ui-path-manager.h"
 #include "launcher/language.h"
@@ -40,20 +41,20 @@ void initializeDrivePaths()
     // predecessor has these two keys on purpose and no others: LogStartMarker() shows the rest as the empty
     // paths that log readers expect.
     const std::pair<const char *, const char *> userPaths[] = {
-        {"user_brimlock_path", "/.Brimlock"},
-        {"user_brimlock_app_path", "/.Brimlock/Brimlock.app"},
-        {"user_brimlock_resource_path", "/.Brimlock/Brimlock.app"},
-        {"user_brimlock_data_path", "/.Brimlock/data"},
-        {"user_brimlock_working_dir_path", "/.Brimlock/Brimlock.app/bin"},
-        {"user_brimlock_ui_path", "/.Brimlock/Brimlock.app/bin/brimlock-ui"},
-        {"user_larkspire_path", "/.Larkspire"},
-        {"user_larkspire_resource_path", "/.Larkspire/Larkspire.app"},
+        {path_key::kUserBrimlock, "/.Brimlock"},
+        {path_key::kUserBrimlockApp, "/.Brimlock/Brimlock.app"},
+        {path_key::kUserBrimlockResource, "/.Brimlock/Brimlock.app"},
+        {path_key::kUserBrimlockData, "/.Brimlock/data"},
+        {path_key::kUserBrimlockWorkingDir, "/.Brimlock/Brimlock.app/bin"},
+        {path_key::kUserBrimlockUi, "/.Brimlock/Brimlock.app/bin/brimlock-ui"},
+        {path_key::kUserLarkspire, "/.Larkspire"},
+        {path_key::kUserLarkspireResource, "/.Larkspire/Larkspire.app"},
     };
     UIPathManager *paths = UIPathManager::getInstance();
     for (const auto &[key, suffix] : userPaths) {
         paths->setPath(QLatin1String(key), QDir::cleanPath(Service::GetUserInstallPath() + QLatin1String(suffix)));
     }
-    paths->setPath(QStringLiteral("root_resource_path"),
+    paths->setPath(QLatin1String(path_key::kRootResource),
                    QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/..")));
 }
 
@@ -61,9 +62,9 @@ void initializeDrivePaths()
 // first character, which is what "%s" makes of a wide string; the keys that nothing sets show as empty.
 void LogStartMarker()
 {
-    for (const char *key :
-         {"user_larkspire_path", "user_larkspire_app_path", "user_larkspire_resource_path", "user_larkspire_data_path",
-          "user_larkspire_working_dir_path", "user_larkspire_drive_ui_path", "root_resource_path"}) {
+    for (const char *key : {path_key::kUserLarkspire, path_key::kUserLarkspireApp, path_key::kUserLarkspireResource,
+                            path_key::kUserLarkspireData, path_key::kUserLarkspireWorkingDir,
+                            path_key::kUserLarkspireDriveUi, path_key::kRootResource}) {
         LOGGER_INFO(kComponent, ">>> %s = %s\n", key,
                     reinterpret_cast<const char *>(RegisteredPath(key).toStdWString().c_str()));
     }
@@ -71,8 +72,8 @@ void LogStartMarker()
 
 void initialize_logger()
 {
-    const std::string levelFile = (RegisteredPath("root_resource_path") + "/log/launcher.debug").toStdString();
-    const QString folder = RegisteredPath("user_brimlock_path") + "/log";
+    const std::string levelFile = (RegisteredPath(path_key::kRootResource) + "/log/launcher.debug").toStdString();
+    const QString folder = RegisteredPath(path_key::kUserBrimlock) + "/log";
     if (!QDir().mkpath(folder)) {
         return; // the logger's start state goes on: errors and warnings reach standard error
     }

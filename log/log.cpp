@@ -15,11 +15,11 @@ class ErrnoKeeper
 {
 public:
     ~ErrnoKeeper() { restore(); }
-    void restore() const { errno = m_errno; }
-    int value() const { return m_errno; }
+    void restore() const { errno = saved; }
+    int value() const { return saved; }
 
 private:
-    const int m_errno = errno;
+    const int saved = errno;
 };
 
 // The local time with a blank behind it. Made once a second, because the look-up of the time zone costs a

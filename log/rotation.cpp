@@ -72,7 +72,7 @@ void Logger::ReadLevels()
     }
     Config levels;
     levels.read(config.config_path);
-    for (const auto &[component, text] : levels.entries()) {
+    for (const auto &[component, text] : levels.entries) {
         int level = 0;
         std::stringstream(text) >> level;
         log_level[component] = level;

@@ -1,15 +1,14 @@
 #include "service/cloud-service.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <utility>
-#include <vector>
 
 #include <QDir>
 #include <QFileInfo>
 #include <QSettings>
 
 #include "extractor/extractor.h"
+#include "fct-qt/path-keys.h"
 #include "fct-qt/ui-path-manager.h"
 #include "fileop/file-op.h"
 #include "log/log.h"
@@ -17,7 +16,7 @@
 namespace
 {
 constexpr char kComponent[] = "service_debug";
-constexpr char kVersionFile[] = "INFO";
+constexpr char kVersionFile[] = "/INFO";
 constexpr int kBackupAttempts = 10;
 
 // More than any version file holds by far. A larger one is no version file, and reading it would take its
@@ -48,9 +47,6 @@ void LoadVersion(const char *name, const std::string &path, Service::VersionInfo
             }
         }
     }
-    if (version.build_version.empty()) {
-        LOGGER_WARNING(kComponent, "no build_version in '%s', taken as 0\n", path.c_str());
-    }
     LOGGER_INFO(kComponent, "%s = (%s, %s, %s, %s)\n", name, version.major_version.c_str(),
                 version.minor_version.c_str(), version.build_version.c_str(), version.icon_overlay_version.c_str());
 }
@@ -73,13 +69,13 @@ std::string GetAppBackupDir(const std::string &base, int n)
 class DirCloser
 {
 public:
-    explicit DirCloser(DIR_HANDLE &handle) : m_handle(handle) {}
-    ~DirCloser() { FSCloseDir(m_handle); }
+    explicit DirCloser(DIR_HANDLE &opened) : handle(opened) {}
+    ~DirCloser() { FSCloseDir(handle); }
     DirCloser(const DirCloser &) = delete;
     DirCloser &operator=(const DirCloser &) = delete;
 
 private:
-    DIR_HANDLE &m_handle;
+    DIR_HANDLE &handle;
 };
 
 // Asks the file system itself where its folders do not tell what is in them.
@@ -92,29 +88,6 @@ bool IsFolder(const DIR_ENTRY &entry, const std::string &path)
     return GetFileInfo(path, info) == 0 && info.type == FS_TYPE_DIR;
 }
 
-int ReportedCopy(int result, const std::string &src, const std::string &dst)
-{
-    if (result >= 0) {
-        return 0;
-    }
-    LOGGER_ERROR(kComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", src.c_str(), dst.c_str());
-    return -1;
-}
-
-// The version file comes last of all: a copy that was cut short has none, so that the next start takes it for an old
-// one and replaces it.
-int CopyFiles(std::vector<std::string> names, const std::string &src, const std::string &dst)
-{
-    std::partition(names.begin(), names.end(), [](const std::string &name) { return name != kVersionFile; });
-    for (const std::string &name : names) {
-        const std::string from = src + "/" + name;
-        const std::string to = dst + "/" + name;
-        if (ReportedCopy(FSCopy(from, to, false, true), from, to) != 0) {
-            return -1;
-        }
-    }
-    return 0;
-}
 } // namespace
 
 bool IsUOSDesktop()
@@ -134,14 +107,15 @@ QString Service::GetUserInstallPath()
     return path.empty() ? QDir::homePath() : QString::fromStdString(path);
 }
 
-std::string Service::RegisteredPath(const char *key)
+std::string Service::RegisteredPath(const char *key, const char *rest)
 {
-    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toStdString();
+    const std::string path = UIPathManager::getInstance()->getPath(QLatin1String(key)).toStdString();
+    return path.empty() ? path : path + rest;
 }
 
 void Service::LoadSourceVersion()
 {
-    const std::string path = RegisteredPath("user_brimlock_resource_path") + "/" + kVersionFile;
+    const std::string path = RegisteredPath(path_key::kUserBrimlockResource, kVersionFile);
     if (!IsFileExist(path, false)) {
         LOGGER_INFO(kComponent, "source does not exist\n");
         return;
@@ -153,7 +127,7 @@ void Service::LoadTargetVersion()
 {
     // No look whether the file exists: an install without one counts as build 0, and the four empty values in
     // the log say so.
-    LoadVersion("target_version", RegisteredPath("root_resource_path") + "/" + kVersionFile, target_version);
+    LoadVersion("target_version", RegisteredPath(path_key::kRootResource, kVersionFile), target_version);
 }
 
 int Service::FSCopyPath(const std::string &src, const std::string &dst)
@@ -185,7 +159,6 @@ int Service::FSCopyPath(const std::string &src, const std::string &dst)
         return 0; // a folder that this user may not look into is left empty, and the rest still installed
     }
 
-    std::vector<std::string> files;
     DIR_ENTRY entry;
     while (FSReadDir(handle, entry) == 1) {
         if (entry.name == "." || entry.name == "..") {
@@ -193,27 +166,27 @@ int Service::FSCopyPath(const std::string &src, const std::string &dst)
         }
         const std::string from = src + "/" + entry.name;
         const std::string to = dst + "/" + entry.name;
-        if (!IsFolder(entry, from)) {
-            files.push_back(entry.name);
-        } else if (ReportedCopy(FSCopyPath(from, to), from, to) != 0) {
+        const int result = IsFolder(entry, from) ? FSCopyPath(from, to) : FSCopy(from, to, false, true);
+        if (result < 0) {
+            LOGGER_ERROR(kComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", from.c_str(), to.c_str());
             return -1;
         }
     }
-    return CopyFiles(std::move(files), src, dst);
+    return 0;
 }
 
 int Service::CopyPackage()
 {
-    const std::string src = RegisteredPath("root_resource_path") + "/package/larkspire";
-    const std::string dst = RegisteredPath("user_brimlock_app_path");
+    const std::string src = RegisteredPath(path_key::kRootResource, "/package/larkspire");
+    const std::string dst = RegisteredPath(path_key::kUserBrimlockApp);
     LOGGER_INFO(kComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
     return FSCopyPath(src, dst);
 }
 
 int Service::ExtractPackage()
 {
-    const std::string src = RegisteredPath("root_resource_path") + "/package/larkspire.vpk";
-    const std::string dst = RegisteredPath("user_brimlock_app_path");
+    const std::string src = RegisteredPath(path_key::kRootResource, "/package/larkspire.vpk");
+    const std::string dst = RegisteredPath(path_key::kUserBrimlockApp);
     if (FSMKDir(dst, true) < 0) {
         LOGGER_ERROR(kComponent, "failed to create folder: '%s'\n", dst.c_str());
         return -1;
@@ -277,24 +250,21 @@ int Service::BackUp(std::string &backup) const
 
 void Service::RemoveAgedFolders()
 {
-    const std::string path = RegisteredPath("user_larkspire_path") + "/app";
+    const std::string path = RegisteredPath(path_key::kUserLarkspire, "/app");
     LOGGER_INFO(kComponent, "removing aged app folder %s\n", path.c_str());
     FSRemove(path, false);
 }
 
 void Service::MigrateService()
 {
-    const auto nativePath = [](const char *key) {
-        return QDir::toNativeSeparators(UIPathManager::getInstance()->getPath(QLatin1String(key))).toStdString();
-    };
-    const std::string old = nativePath("user_larkspire_path");
-    const std::string current = nativePath("user_brimlock_path");
+    const std::string old = RegisteredPath(path_key::kUserLarkspire);
+    const std::string current = RegisteredPath(path_key::kUserBrimlock);
 
     if (!IsFileExist(current, true) && FSMKDir(current, true) != 0) {
         LOGGER_ERROR(kComponent, "Failed to create Brimlock folder\n");
         return;
     }
-    const std::string oldData = old + "/data";
+    const std::string oldData = RegisteredPath(path_key::kUserLarkspire, "/data");
     if (IsFileExist(oldData, true) && FSRename(oldData, current + "/data", true) < 0) {
         LOGGER_ERROR(kComponent, "Failed to move data to Brimlock folder\n");
     }

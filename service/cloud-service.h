@@ -36,8 +36,8 @@ public:
     // What is to be done when the copy is in place, or could not be replaced.
     virtual int PostUpgrade() = 0;
 
-    // Loads and logs both versions.
-    virtual void PreUpgrade() = 0;
+    // Loads and logs both versions. 0 always; nobody looks at it.
+    virtual int PreUpgrade() = 0;
 
     // Whether the user's copy must be replaced: it is older than the shipped one, or broken.
     virtual bool IsNeedUpgrade() = 0;
@@ -69,16 +69,15 @@ public:
     // Copies a folder with all that is in it. A link is copied as the file that it points to, with the mode
     // 0777 less the umask; one to a folder or to nothing fails. 0, or -1 at the first entry that fails, with
     // what was copied so far left in place. Two failures count as success: a `src` that is a single file
-    // which cannot be copied, and a folder that cannot be listed, which is left empty. The sub-folders of a
-    // folder are copied before its files.
+    // which cannot be copied, and a folder that cannot be listed, which is left empty.
     int FSCopyPath(const std::string &src, const std::string &dst);
 
     // Removes the predecessor's app folder.
     void RemoveAgedFolders();
 
 protected:
-    // The path that UIPathManager has under the key.
-    static std::string RegisteredPath(const char *key);
+    // The path that UIPathManager has under the key, with `rest` behind it; empty, whatever the rest, when it has none.
+    static std::string RegisteredPath(const char *key, const char *rest = "");
 
     int32_t timeout = 0; // milliseconds; nothing waits by it yet
     std::string app_path;

@@ -28,7 +28,7 @@ TEST_F(ConfigTest, OneMalformedLineMakesTheWholeFileUnreadable)
     Shell("printf 'pid=1\n\nuser=me\npid=2\n%8191spiece=5\n' >good; printf 'user=you\npid=42 43\n' >bad");
     EXPECT_EQ(config.read(Path("good")), 0);
     EXPECT_EQ(config.read(Path("none")), -1) << "which changes nothing";
-    EXPECT_EQ(config.entries(), (std::map<std::string, std::string>{{"pid", "2"}, {"piece", "5"}, {"user", "me"}}));
+    EXPECT_EQ(config.entries, (std::map<std::string, std::string>{{"pid", "2"}, {"piece", "5"}, {"user", "me"}}));
     EXPECT_EQ(config.read(Path("bad")), -1);
-    EXPECT_TRUE(config.entries().empty());
+    EXPECT_TRUE(config.entries.empty());
 }

@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "fct-qt/path-keys.h"
 #include "fct-qt/ui-path-manager.h"
 #include "launcher/strings/str-table.h"
 #include "service/linux/linux-service.h"
@@ -15,12 +16,12 @@ protected:
     InstallTest()
     {
         StrTable::InitStrTable();
-        const char *const paths[][2] = {{"root_resource_path", "opt"},
-                                        {"user_brimlock_path", "base"},
-                                        {"user_brimlock_app_path", "base/app"},
-                                        {"user_brimlock_resource_path", "base/app"},
-                                        {"user_brimlock_ui_path", "base/app/ui"},
-                                        {"user_larkspire_path", "old"}};
+        const char *const paths[][2] = {{path_key::kRootResource, "opt"},
+                                        {path_key::kUserBrimlock, "base"},
+                                        {path_key::kUserBrimlockApp, "base/app"},
+                                        {path_key::kUserBrimlockResource, "base/app"},
+                                        {path_key::kUserBrimlockUi, "base/app/ui"},
+                                        {path_key::kUserLarkspire, "old"}};
         for (const auto &[key, path] : paths) {
             UIPathManager::getInstance()->setPath(key, QString::fromStdString(Path(path)));
         }

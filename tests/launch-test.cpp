@@ -82,7 +82,6 @@ TEST_F(LaunchTest, InstallsLeavesAloneAndUpgrades)
 
 TEST_F(LaunchTest, BadInputCostsNobodyTheClient)
 {
-    const std::string noBuild = "no build_version in '";
     const std::string rollback = "Failed to extract package, rollback to old installation\n";
     const std::string noPid = "Failed to read pid file '";
     const std::string noLevels = "no log levels read from '";

@@ -53,12 +53,12 @@ int Config::read(const std::string &path)
     while (fgets(line, sizeof line, file.get()) != nullptr) {
         switch (parse(line, key, value)) {
         case 0:
-            m_entries[key] = value;
+            entries[key] = value;
             break;
         case 1:
             break;
         default:
-            m_entries.clear();
+            entries.clear();
             return -1;
         }
     }

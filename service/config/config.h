@@ -15,20 +15,17 @@ public:
     int read(const std::string &path);
 
     // The key's value; a missing key is added with an empty one.
-    std::string &operator[](const std::string &key) { return m_entries[key]; }
-
-    // All pairs, in byte order of their keys.
-    const std::map<std::string, std::string> &entries() const { return m_entries; }
+    std::string &operator[](const std::string &key) { return entries[key]; }
 
     // Parses one line, writing into it. Returns 0 for a pair, 1 for a blank or comment line and for a key with
     // nothing or a "#" right behind it, 2 for a malformed line; `key` and `value` are set only with 0.
     int parse(char *line, std::string &key, std::string &value) const;
 
+    // All pairs, in byte order of their keys.
+    std::map<std::string, std::string> entries;
+
     // When set, a quoted value keeps its quotes.
     bool keep_quotes = false;
-
-private:
-    std::map<std::string, std::string> m_entries;
 };
 
 // The classes of bytes that a line is made of.

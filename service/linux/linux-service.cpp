@@ -9,6 +9,7 @@
 #include <QProcess>
 #include <unistd.h>
 
+#include "fct-qt/path-keys.h"
 #include "fileop/file-op.h"
 #include "log/log.h"
 #include "service/config/config.h"
@@ -48,12 +49,12 @@ pid_t RunningClient(const std::string &pidFile)
 LinuxService::LinuxService()
 {
     timeout = kTimeoutMilliseconds;
-    app_path = RegisteredPath("user_brimlock_app_path");
+    app_path = RegisteredPath(path_key::kUserBrimlockApp);
 }
 
 void LinuxService::StopService()
 {
-    const pid_t pid = RunningClient(RegisteredPath("user_brimlock_path") + "/ui.pid");
+    const pid_t pid = RunningClient(RegisteredPath(path_key::kUserBrimlock, "/ui.pid"));
     if (pid == 0) {
         return;
     }
@@ -86,7 +87,7 @@ int LinuxService::PostUpgrade()
     return LaunchPerUserBin();
 }
 
-void LinuxService::PreUpgrade()
+int LinuxService::PreUpgrade()
 {
     LoadTargetVerInfo();
     LoadSourceVerInfo();
@@ -94,6 +95,7 @@ void LinuxService::PreUpgrade()
                  source_version.icon_overlay_version.c_str());
     LOGGER_DEBUG(kComponent, "Target version: ('%s', '%s')\n", target_version.build_version.c_str(),
                  target_version.icon_overlay_version.c_str());
+    return 0;
 }
 
 bool LinuxService::IsNeedUpgrade()
@@ -101,12 +103,13 @@ bool LinuxService::IsNeedUpgrade()
     const int source = BuildNumber(source_version.build_version);
     const int target = BuildNumber(target_version.build_version);
     LOGGER_DEBUG(kComponent, "source version = %d, target version = %d\n", source, target);
-    return target > source || !PerUserBinPathExist();
+    const bool isOlder = target > source;
+    return !PerUserBinPathExist() || isOlder;
 }
 
 bool LinuxService::PerUserBinPathExist()
 {
-    return access(RegisteredPath("user_brimlock_ui_path").c_str(), F_OK) == 0;
+    return access(RegisteredPath(path_key::kUserBrimlockUi).c_str(), F_OK) == 0;
 }
 
 void LinuxService::LoadSourceVerInfo()

@@ -20,7 +20,7 @@ public:
     // Starts the client. 0 always.
     int PostUpgrade() override;
 
-    void PreUpgrade() override;
+    int PreUpgrade() override;
     bool IsNeedUpgrade() override;
     bool PerUserBinPathExist() override;
 
