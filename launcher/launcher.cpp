@@ -48,10 +48,11 @@ void Worker::JoinThread()
 void Worker::HandleServicce()
 {
     LOGGER_DEBUG(kComponent, "running\n");
+    const bool mayUpgrade = service->OpenUserFolder();
     service->PreUpgrade();
     if (!service->IsNeedUpgrade()) {
         LOGGER_DEBUG(kComponent, "no need to upgrade\n");
-    } else {
+    } else if (mayUpgrade) {
         emit sigShowMsg();
         if (service->HandlePackageUpgrade() == 0) {
             emit sigUpdateProgress(kPercent, kPercent);
@@ -61,6 +62,7 @@ void Worker::HandleServicce()
             LOGGER_ERROR(kComponent, "Failed to upgrade package\n");
         }
     }
+    service->CloseUserFolder();
     service->RemoveAgedFolders();
     service->PostUpgrade();
     LOGGER_DEBUG(kComponent, "done\n");

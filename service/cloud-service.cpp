@@ -1,26 +1,35 @@
 #include "service/cloud-service.h"
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include <QDir>
 #include <QFileInfo>
 #include <QSettings>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "extractor/extractor.h"
 #include "fct-qt/path-keys.h"
 #include "fct-qt/ui-path-manager.h"
 #include "fileop/file-op.h"
+#include "fileop/scoped-fd.h"
 #include "log/log.h"
+#include "service/tree-fingerprint.h"
 
 namespace
 {
 constexpr char kComponent[] = "service_debug";
 constexpr char kVersionFile[] = "/INFO";
 constexpr int kBackupAttempts = 10;
+constexpr std::chrono::seconds kTurnPatience(60);
 
 // More than any version file holds by far. A larger one is no version file, and reading it would take its
-// size in memory.
+// size in memory; reading a device or a pipe might never end.
 constexpr qint64 kVersionFileBytes = 1 << 20;
 
 std::string Environment(const char *name, const char *whenUnset)
@@ -38,7 +47,8 @@ void LoadVersion(const char *name, const std::string &path, Service::VersionInfo
         {"icon_overlay_version", &Service::VersionInfo::icon_overlay_version},
     };
 
-    if (QFileInfo(QString::fromStdString(path)).size() <= kVersionFileBytes) {
+    const QFileInfo file(QString::fromStdString(path));
+    if (file.isFile() && file.size() <= kVersionFileBytes) {
         QSettings settings(QString::fromStdString(path), QSettings::IniFormat);
         settings.beginGroup(QStringLiteral("Version"));
         for (const auto &[key, field] : fields) {
@@ -60,7 +70,7 @@ std::string GetAppBackupDir(const std::string &base, int n)
     }
     char suffix[8] = "";
     if (snprintf(suffix, sizeof suffix, "%d", n) < 0) {
-        LOGGER_ERROR(kComponent, "snprintf failed (continuing without postfix)"); // known without a line end
+        LOGGER_ERROR(kComponent, "snprintf failed (continuing without postfix)"); // no line end
         return name;
     }
     return name + suffix;
@@ -77,6 +87,29 @@ public:
 private:
     DIR_HANDLE &handle;
 };
+
+// What the journal is to know of the app folder before anything happens to it.
+UpgradeJournal::Record RecordOf(const std::string &appFolder)
+{
+    UpgradeJournal::Record record;
+    struct stat status = {};
+    if (lstat(appFolder.c_str(), &status) == 0) {
+        record.old_device = status.st_dev;
+        record.old_inode = status.st_ino;
+    }
+    return record;
+}
+
+// Whether the path names the app folder that the record tells of. The kernel may number its devices anew at a boot:
+// then nothing on this disk has the recorded number, and among the names of one folder the inode is enough.
+bool IsRecorded(const std::string &path, const UpgradeJournal::Record &record)
+{
+    struct stat status = {};
+    struct stat parent = {};
+    return record.old_inode != 0 && lstat(path.c_str(), &status) == 0 && status.st_ino == record.old_inode &&
+           (status.st_dev == record.old_device ||
+            (stat(FSParentPath(path).c_str(), &parent) == 0 && parent.st_dev != record.old_device));
+}
 
 // Asks the file system itself where its folders do not tell what is in them.
 bool IsFolder(const DIR_ENTRY &entry, const std::string &path)
@@ -154,7 +187,7 @@ int Service::FSCopyPath(const std::string &src, const std::string &dst)
     DIR_HANDLE handle;
     const DirCloser closer(handle);
     if (FSOpenDir(src, 0, handle) < 0) {
-        // Log readers search for this text, with both blanks.
+        // Both blanks are meant.
         LOGGER_WARNING(kComponent, "FSCopyPath: failed to create handle  for src '%s' failed\n", src.c_str());
         return 0; // a folder that this user may not look into is left empty, and the rest still installed
     }
@@ -179,8 +212,18 @@ int Service::CopyPackage()
 {
     const std::string src = RegisteredPath(path_key::kRootResource, "/package/larkspire");
     const std::string dst = RegisteredPath(path_key::kUserBrimlockApp);
+    const std::string versionFile = RegisteredPath(path_key::kRootResource, kVersionFile);
     LOGGER_INFO(kComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
-    return FSCopyPath(src, dst);
+
+    // A package that is replaced meanwhile gives a copy of neither.
+    const auto shipped = [&] { return std::pair(TreeFingerprint(src), TreeFingerprint(versionFile)); };
+    const auto before = shipped();
+    const int result = FSCopyPath(src, dst);
+    if (result == 0 && shipped() != before) {
+        LOGGER_ERROR(kComponent, "package '%s' has changed while it was copied\n", src.c_str());
+        return -1;
+    }
+    return result;
 }
 
 int Service::ExtractPackage()
@@ -200,33 +243,141 @@ int Service::ExtractPackage()
 
 int Service::PrepareUserEnv()
 {
+    const UpgradeJournal journal(RegisteredPath(path_key::kUserBrimlock));
+    UpgradeJournal::Record record = RecordOf(app_path);
+    if (journal.Write(record) != 0) {
+        LOGGER_WARNING(kComponent, "cannot write '%s', upgrading without: %s (%d)\n", journal.Path().c_str(),
+                       strerror(errno), errno);
+    }
     std::string backup;
-    int used = 0;
     if (IsFileExist(app_path, false)) {
-        used = BackUp(backup);
-        if (used < 0) {
+        record.last_backup = BackUp(backup);
+        if (record.last_backup < 0) {
+            journal.Remove();
             return -1;
         }
     }
 
-    // The messages speak of extraction whichever way the copy is made: log readers search for them.
-    if (CopyPackage() != 0) {
+    // The messages speak of extraction whichever way the copy is made.
+    if (FillAppFolder() != 0) {
         if (backup.empty()) {
             LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
             return -1;
         }
         LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
-        FSRemove(app_path, false);
-        FSRename(backup, app_path, false);
+        if (PutInPlace(backup) != 0) {
+            LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n", backup.c_str());
+            return -1;
+        }
+        journal.Remove();
         return -1;
     }
 
+    record.is_installed = true;
+    if (journal.Write(record) != 0 && journal.Remove() != 0) {
+        // The next start takes the new copy for a partial one, and must find the old one to put back.
+        LOGGER_ERROR(kComponent, "cannot update '%s', keeping '%s': %s (%d)\n", journal.Path().c_str(), backup.c_str(),
+                     strerror(errno), errno);
+        return 0;
+    }
     LOGGER_INFO(kComponent, "user installation is ready, removing backup app\n");
-    // The lower numbers too: they are what earlier runs left behind.
-    for (int n = 0; n <= used; ++n) {
-        FSRemove(GetAppBackupDir(app_path, n), false);
+    if (RemoveBackups(record.last_backup) == 0) {
+        journal.Remove();
     }
     return 0;
+}
+
+int Service::FillAppFolder()
+{
+    // Open before the first byte is written: a failure to write back is told to those who were there.
+    const ScopedFd disk(open(FSParentPath(app_path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (CopyPackage() != 0) {
+        return -1;
+    }
+    if (!disk.valid() || syncfs(disk.get()) != 0) {
+        LOGGER_ERROR(kComponent, "failed to flush '%s': %s (%d)\n", app_path.c_str(), strerror(errno), errno);
+        return -1;
+    }
+    return 0;
+}
+
+int Service::PutInPlace(const std::string &old) const
+{
+    int result = -1;
+    // Twice, because an error that passes must not cost anybody the client.
+    for (int attempt = 0; attempt < 2 && result != 0; ++attempt) {
+        FSRemove(app_path, false);
+        result = FSRename(old, app_path, false);
+    }
+    return result;
+}
+
+int Service::RemoveBackups(int last) const
+{
+    int result = 0;
+    // The lower numbers too: they are what earlier runs left behind.
+    for (int n = 0; n <= last; ++n) {
+        if (FSRemove(GetAppBackupDir(app_path, n), false) != 0) {
+            result = -1;
+        }
+    }
+    return result;
+}
+
+bool Service::OpenUserFolder()
+{
+    const std::string folder = RegisteredPath(path_key::kUserBrimlock);
+    if (folder.empty()) {
+        return true;
+    }
+    if (userFolder.Acquire(folder, kTurnPatience) == UserFolderLock::TAKEN_BY_ANOTHER) {
+        LOGGER_WARNING(kComponent, "another launcher has been at work in '%s' for %d s, starting what is in place\n",
+                       folder.c_str(), static_cast<int>(kTurnPatience.count()));
+        return false;
+    }
+    return PutRight(UpgradeJournal(folder)) == 0;
+}
+
+void Service::CloseUserFolder()
+{
+    userFolder.Release();
+}
+
+int Service::PutRight(const UpgradeJournal &journal) const
+{
+    UpgradeJournal::Record record;
+    switch (journal.Read(record)) {
+    case UpgradeJournal::NONE:
+        return 0;
+    case UpgradeJournal::MALFORMED:
+        // It is whole before anything is moved, so nothing has been.
+        LOGGER_NOTE(kComponent, "'%s' is malformed and stands for nothing\n", journal.Path().c_str());
+        break;
+    case UpgradeJournal::READ:
+        if ((record.is_installed ? RemoveBackups(record.last_backup) : PutBack(record)) != 0) {
+            LOGGER_ERROR(kComponent, "cannot put right what '%s' tells of\n", journal.Path().c_str());
+            // What is in place is whole when it is only that a backup does not go.
+            return record.is_installed ? 0 : -1;
+        }
+        LOGGER_NOTE(kComponent, "an upgrade that was cut short has been put right\n");
+        break;
+    }
+    return journal.Remove();
+}
+
+int Service::PutBack(const UpgradeJournal::Record &record) const
+{
+    std::string old;
+    for (int n = -1; n < kBackupAttempts && old.empty(); ++n) {
+        const std::string candidate = n < 0 ? app_path : GetAppBackupDir(app_path, n);
+        if (IsRecorded(candidate, record)) {
+            old = candidate;
+        }
+    }
+    if (old == app_path) {
+        return 0;
+    }
+    return old.empty() ? FSRemove(app_path, false) : PutInPlace(old);
 }
 
 int Service::BackUp(std::string &backup) const
@@ -240,7 +391,7 @@ int Service::BackUp(std::string &backup) const
     }
     LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s' at max retries, exiting\n", app_path.c_str(),
                  backup.c_str());
-    // Log readers know this one without a line end.
+    // Without a line end.
     LOGGER_ERROR(kComponent,
                  "Please check if '%s' is writable. It may be locked by another process (e.g., CLI's working "
                  "directory is set to the target).",

@@ -6,6 +6,9 @@
 
 #include <QString>
 
+#include "service/upgrade-journal.h"
+#include "service/user-folder-lock.h"
+
 // Whether XDG_CURRENT_DESKTOP is exactly "Deepin".
 bool IsUOSDesktop();
 
@@ -55,13 +58,24 @@ public:
     virtual void LoadTargetVersion();
 
     // Moves the app folder aside to a free backup name and fills it anew through CopyPackage(). 0: the new
-    // copy is in place and the backups are removed. -1: nothing has changed (no backup could be made), or the
-    // old copy is back under its name; without an old copy, what was written of the new one stays.
+    // copy is in place and on disk, and the backups are removed. -1: nothing has changed (no backup could be made), or
+    // the old copy is back under its name; without an old copy, what was written of the new one stays. The journal
+    // outlives a failure that leaves the app folder in a state not to be trusted, for OpenUserFolder() to put right.
     virtual int PrepareUserEnv();
 
     // Moves the predecessor's data into the user's folder and removes the predecessor's folder, also when the
     // data could not be moved.
     virtual void MigrateService();
+
+    // To be called before the versions are looked at. Waits up to 60 s while another launcher works on the user's
+    // folder, keeps others out from then on, and puts right what an upgrade that was cut short has left: the old copy
+    // goes back, a partial one without an old one is removed, backups that are no longer needed go. False: the app
+    // folder is not to be touched in this run, because the other launcher is still at work or something could not be
+    // put right. A folder that cannot be locked is used all the same.
+    bool OpenUserFolder();
+
+    // Lets other launchers in.
+    void CloseUserFolder();
 
     // The folder under which the user's files lie: the home folder, on a Deepin desktop XDG_DATA_HOME if set.
     static QString GetUserInstallPath();
@@ -85,9 +99,21 @@ protected:
     VersionInfo source_version;
 
 private:
+    // What the journal and the disk say is put right. Returns 0, or -1 with the journal still there.
+    int PutRight(const UpgradeJournal &journal) const;
+    int PutBack(const UpgradeJournal::Record &record) const;
+
+    // The steps of PrepareUserEnv(), 0 being success. What PutInPlace() gets is a name of the old copy, which takes the
+    // place of whatever is in the app folder.
+    int FillAppFolder();
+    int PutInPlace(const std::string &old) const;
+    int RemoveBackups(int last) const;
+
     // Renames the app folder to the first backup name that works, set in `backup`. Returns the name's number,
     // or -1 when none works and the app folder is as it was.
     int BackUp(std::string &backup) const;
+
+    UserFolderLock userFolder;
 };
 
 #endif

@@ -13,6 +13,7 @@
 #include "fileop/file-op.h"
 #include "log/log.h"
 #include "service/config/config.h"
+#include "service/linux/client-process.h"
 
 namespace
 {
@@ -54,23 +55,30 @@ LinuxService::LinuxService()
 
 void LinuxService::StopService()
 {
-    const pid_t pid = RunningClient(RegisteredPath(path_key::kUserBrimlock, "/ui.pid"));
+    const std::string pidFile = RegisteredPath(path_key::kUserBrimlock, "/ui.pid");
+    const pid_t pid = RunningClient(pidFile);
     if (pid == 0) {
         return;
     }
-    if (kill(pid, SIGTERM) != 0) {
+    const ClientProcess client(pid);
+    if (client.IsSomebodyElse(pidFile, app_path)) {
+        LOGGER_NOTE(kComponent, "process %d of pid file '%s' is not the client, left alone\n", static_cast<int>(pid),
+                    pidFile.c_str());
+        return;
+    }
+    if (client.Signal(SIGTERM) != 0) {
         if (errno == ESRCH) {
             return;
         }
         LOGGER_ERROR(kComponent, "kill: %s (%d)\n", strerror(errno), errno);
     }
     for (int probe = 0; probe < kStopProbes; ++probe) {
-        if (kill(pid, 0) != 0 && errno == ESRCH) {
+        if (client.Signal(0) != 0 && errno == ESRCH) {
             return;
         }
         sleep(kProbeIntervalSeconds);
     }
-    kill(pid, SIGKILL);
+    client.Signal(SIGKILL);
 }
 
 int LinuxService::HandlePackageUpgrade()

@@ -11,7 +11,7 @@ public:
     LinuxService();
 
     // Ends the process that the client's ui.pid names: SIGTERM, up to five probes a second apart, SIGKILL.
-    // Signals nothing but a positive process id.
+    // Signals nothing but a positive process id, and no process that cannot be the client (see ClientProcess).
     void StopService() override;
 
     // Stops the client, if the user has one, and replaces the copy.

@@ -1,0 +1,109 @@
+#include "service/linux/client-process.h"
+
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <sstream>
+
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "fileop/file-op.h"
+
+namespace
+{
+// How much later than its pid file a client may seem to have been started: clocks are coarse and are set.
+constexpr double kStartTolerance_s = 2;
+
+// In /proc/<pid>/stat, counted from the state, which follows the program's name in brackets.
+constexpr int kFieldsBeforeStartTime = 19;
+
+std::optional<std::string> ReadWhole(const std::string &path)
+{
+    std::ifstream file(path);
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    return file.is_open() ? std::optional(text) : std::nullopt;
+}
+
+double Seconds(const timespec &time)
+{
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+double Now(clockid_t clock)
+{
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return Seconds(now);
+}
+
+// When the process was started, in seconds since the epoch.
+std::optional<double> StartTime(const std::string &processFolder)
+{
+    const std::optional<std::string> status = ReadWhole(processFolder + "/stat");
+    if (!status || status->rfind(')') == std::string::npos) {
+        return std::nullopt;
+    }
+    std::istringstream fields(status->substr(status->rfind(')') + 1));
+    std::string skipped;
+    for (int i = 0; i < kFieldsBeforeStartTime; ++i) {
+        fields >> skipped;
+    }
+    double ticksAfterBoot = 0;
+    if (!(fields >> ticksAfterBoot)) {
+        return std::nullopt;
+    }
+    return Now(CLOCK_REALTIME) - Now(CLOCK_BOOTTIME) + ticksAfterBoot / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+bool LiesIn(const std::string &path, const std::string &folder, const std::string &realFolder)
+{
+    return FSIsParentFolder(folder, path) || FSIsParentFolder(realFolder, path);
+}
+} // namespace
+
+ClientProcess::ClientProcess(pid_t clientPid)
+    : pid(clientPid), handle(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)))
+{
+}
+
+bool ClientProcess::IsSomebodyElse(const std::string &pidFile, const std::string &appFolder) const
+{
+    const std::string processFolder = "/proc/" + std::to_string(pid);
+    const std::optional<double> started = StartTime(processFolder);
+    const std::optional<std::string> commandLine = ReadWhole(processFolder + "/cmdline");
+    struct stat written = {};
+    if (!started || !commandLine || stat(pidFile.c_str(), &written) != 0 ||
+        *started <= Seconds(written.st_mtim) + kStartTolerance_s) {
+        return false;
+    }
+
+    std::string realFolder = appFolder;
+    FSGetRealPath(realFolder);
+    // Unreadable for a process of another user and for one of the kernel's own: both are no client of this user.
+    char executable[PATH_MAX] = "";
+    const ssize_t length = readlink((processFolder + "/exe").c_str(), executable, sizeof executable);
+    if (length > 0 && LiesIn(std::string(executable, static_cast<size_t>(length)), appFolder, realFolder)) {
+        return false;
+    }
+    std::istringstream arguments(*commandLine);
+    for (std::string argument; std::getline(arguments, argument, '\0');) {
+        if (LiesIn(argument, appFolder, realFolder)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int ClientProcess::Signal(int signal) const
+{
+    if (!handle.valid()) {
+        return kill(pid, signal);
+    }
+    return static_cast<int>(syscall(SYS_pidfd_send_signal, handle.get(), signal, nullptr, 0));
+}
