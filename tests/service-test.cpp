@@ -1,4 +1,5 @@
 #include <clocale>
+#include <thread>
 
 #include "tests/install-support.h"
 
@@ -131,6 +132,45 @@ TEST_F(ServiceTest, SignalsNothingButAPositiveProcessId)
     }
     kill(bystander, SIGKILL);
     Wait(bystander);
+}
+
+TEST_F(ServiceTest, LeavesAProcessAloneThatOnlyInheritedTheNumber)
+{
+    WriteFile(app + "/client", "#!/bin/sh\nwhile :; do sleep 0.1; done\n", 0755);
+    Shell("mkdir elsewhere; cp base/app/client elsewhere");
+    for (const auto &[program, written, isEnded] : {std::tuple(app + "/client", "1 minute ago", true),
+                                                    {Path("elsewhere/client"), "1 second ago", true},
+                                                    {Path("elsewhere/client"), "1 minute ago", false}}) {
+        const pid_t process = Spawn([&program = program] { return execl(program.c_str(), "client", nullptr); });
+        GivenPid(std::to_string(process));
+        Shell("touch -d '" + std::string(written) + "' base/ui.pid");
+        usleep(100000); // until it is what it is to be
+        const pid_t stop = Spawn([this] { return service->StopService(), 0; });
+        EXPECT_EQ(isEnded ? Wait(process) : 128 + SIGTERM, 128 + SIGTERM) << program << ", ui.pid of " << written;
+        EXPECT_EQ(Wait(stop), 0);
+        EXPECT_EQ(Logged("left alone\n") == 0, isEnded) << Log();
+        EXPECT_EQ(kill(process, SIGKILL) == 0, !isEnded);
+    }
+}
+
+TEST_F(ServiceTest, APackageThatChangesWhileItIsCopiedIsNotInstalled)
+{
+    const auto old = Tree(Path("base"));
+    for (const std::string change : {"touch larkspire/new", "rm larkspire/lib/deep/data",
+                                     "touch larkspire/lib/deep/data", "cp larkspire/ui x; mv x larkspire/ui",
+                                     "cp larkspire/INFO ..", "cp -r larkspire x; mv larkspire y; mv x larkspire"}) {
+        Shell("truncate -s 60M opt/package/larkspire/large; sleep 0.02");
+        std::thread meanwhile([&] {
+            while (!fs::exists(app + "/large")) {
+            }
+            Shell("cd opt/package; " + change);
+        });
+        EXPECT_EQ(service->PrepareUserEnv(), -1) << change;
+        meanwhile.join();
+        EXPECT_EQ(Tree(Path("base")), old) << change;
+        Shell("rm -rf opt; . '" BRIMLOCK_TESTS "/install.sh'");
+    }
+    EXPECT_EQ(service->PrepareUserEnv(), 0) << "at rest";
 }
 
 TEST_F(ServiceTest, ThePredecessorGoesWhateverBecomesOfItsData)
