@@ -243,6 +243,8 @@ int Service::ExtractPackage()
 
 int Service::PrepareUserEnv()
 {
+    // What is written beside the app folder comes before the copy, which would make the folder too.
+    QDir().mkpath(QString::fromStdString(FSParentPath(app_path)));
     const UpgradeJournal journal(RegisteredPath(path_key::kUserBrimlock));
     UpgradeJournal::Record record = RecordOf(app_path);
     if (journal.Write(record) != 0) {

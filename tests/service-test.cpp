@@ -66,9 +66,14 @@ TEST_F(ServiceTest, InstallsTheShippedTreeAndSweepsOldBackups)
     EXPECT_EQ(Tree(app), Tree(package)) << "a link is copied as what it points to";
     EXPECT_TRUE(ModeOf(app + "/ui") == 0755 && !fs::is_symlink(app + "/link"));
     Shell("test ! -e base/app_tmp -a ! -e base/app_tmp1 -a ! -e base/app_tmp2 -a -e base/app_tmp5");
-    Shell("ln -s nowhere opt/package/larkspire/broken; rm -r base/app");
+    Shell("ln -s nowhere opt/package/larkspire/broken; rm -r base");
     EXPECT_EQ(service->PrepareUserEnv(), -1);
     EXPECT_EQ(Logged("Failed to extract package, and no old installation to rollback\n"), 1);
+    EXPECT_TRUE(service->OpenUserFolder()) << "which removes what there is of the copy";
+    EXPECT_EQ(Tree(Path("base")), std::set<std::string>{"upgrade.lock="});
+    Shell("rm -r opt/package/larkspire/broken base");
+    EXPECT_EQ(service->PrepareUserEnv(), 0);
+    EXPECT_EQ(Tree(app), Tree(package));
 }
 
 TEST_F(ServiceTest, TwoFailuresOfACopyCountAsSuccess)
