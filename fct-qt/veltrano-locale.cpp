@@ -29,8 +29,12 @@ QStringList WantedLanguages()
 }
 
 // The three-letter code, or null for a language that has none.
-const char *LanguageCode(const QLocale &locale)
+const char *LanguageCode(const QString &name)
 {
+    if (name == QLatin1String("C") || name == QLatin1String("POSIX")) {
+        return "enu";
+    }
+    const QLocale locale(name);
     switch (locale.language()) {
     case QLocale::Chinese:
         return locale.script() == QLocale::TraditionalHanScript ? "cht" : "chs";
@@ -60,7 +64,8 @@ const char *LanguageCode(const QLocale &locale)
     case QLocale::Polish:
         return "plk";
     case QLocale::Portuguese:
-        return locale.country() == QLocale::Brazil ? "ptb" : "ptg";
+        // QLocale takes a bare "pt" for Brazil's, gettext for Portugal's.
+        return name.contains(QLatin1String("BR")) ? "ptb" : "ptg";
     case QLocale::Russian:
         return "rus";
     case QLocale::Spanish:
@@ -86,7 +91,7 @@ VeltranoLocale *VeltranoLocale::getInstance()
 QString VeltranoLocale::getDefaultLanguage() const
 {
     for (const QString &name : WantedLanguages()) {
-        if (const char *code = LanguageCode(QLocale(name))) {
+        if (const char *code = LanguageCode(name)) {
             return QString::fromLatin1(code);
         }
     }

@@ -11,7 +11,9 @@ public:
 
     // One of the 21 three-letter codes, "enu" for everything that is not among them. Follows the environment
     // as gettext does: the first of LC_ALL, LC_MESSAGES and LANG that is set names the locale; unless that is
-    // "C", the languages listed in LANGUAGE come before it. The first one that has a code wins.
+    // "C" or "POSIX", the languages listed in LANGUAGE come before it. The first one that has a code wins; an
+    // entry "C" or "POSIX" is English, a "pt" without a country European Portuguese. Where nothing in LANGUAGE
+    // has a code, the locale's own language is taken; that is kinder than gettext, which shows English then.
     QString getDefaultLanguage() const;
 
 private:

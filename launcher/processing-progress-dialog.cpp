@@ -3,8 +3,10 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QIcon>
+#include <QLabel>
 
 #include "fct-qt/dpi-info.h"
+#include "fct-qt/path-keys.h"
 #include "fct-qt/ui-path-manager.h"
 #include "launcher/strings/str-table.h"
 
@@ -17,16 +19,15 @@ constexpr int kPercent = 100;
 ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr, Qt::WindowFlags())
 {
     const QFont font = QApplication::font();
-    const QString icon = UIPathManager::getInstance()->getPath(QStringLiteral("root_resource_path")) +
+    const QString icon = UIPathManager::getInstance()->getPath(QLatin1String(path_key::kRootResource)) +
                          QStringLiteral("/images/ico_72_larkspire.png");
-    const QString clientName = StrTable::LoadStr(StrTable::CLIENT_NAME);
 
-    setWindowTitle(clientName);
+    setWindowTitle(StrTable::LoadStr(StrTable::CLIENT_NAME));
     setWindowIcon(QIcon(icon));
     setWindowFlags(Qt::WindowTitleHint | Qt::WindowSystemMenuHint);
     setValue(0);
     setRange(0, kPercent);
-    setLabelText(StrTable::LoadStr(StrTable::CLIENT_INITIALIZING).arg(clientName, 0, QLatin1Char(' ')));
+    setLabelText(StrTable::WithClientName(StrTable::CLIENT_INITIALIZING));
     setFont(font);
     // Whoever shows the dialog by itself gets it modal; Launcher, which has no other window, undoes it.
     setModal(true);
@@ -34,6 +35,11 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr, 
     setFixedWidth(static_cast<int>(DPIinfo::getInstance()->getDPI() * kWidthAtScaleOne));
     setStyleSheet(DPIinfo::getInstance()->getScaledStyleSheet(
         QStringLiteral("QProgressDialog { background-color: WhiteSmoke; vertical-align: middle; }")));
+    // The style sheet's background is light in dark desktop themes, too; the theme's own text is white there.
+    QLabel *label = findChild<QLabel *>();
+    QPalette palette = label->palette();
+    palette.setColor(QPalette::WindowText, Qt::black);
+    label->setPalette(palette);
 }
 
 void ProcessingProgressDialog::closeEvent(QCloseEvent *event)

@@ -1,5 +1,8 @@
 #include "launcher/launcher.h"
 
+#include <cmath>
+
+#include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
 
@@ -54,6 +57,28 @@ TEST_F(LauncherTest, TheWindowCountsInPercentAndCannotBeCancelled)
     EXPECT_TRUE(dialog->isVisible());
 }
 
+TEST_F(LauncherTest, TheLabelIsReadableUnderEveryPalette)
+{
+    const auto part = [](int channel) { return std::pow((channel / 255.0 + 0.055) / 1.055, 2.4); };
+    const QPalette original = QApplication::palette();
+    for (const auto theme : {Qt::white, Qt::black}) {
+        QApplication::setPalette(QPalette(theme));
+        ProcessingProgressDialog fresh;
+        for (ProcessingProgressDialog *window : {dialog, &fresh}) {
+            window->setLabelText("Something else");
+            const QImage label = window->grab(window->findChild<QLabel *>()->geometry()).toImage();
+            std::set<double> luminances;
+            for (int i = 0; i < label.width() * label.height(); ++i) {
+                const QRgb pixel = label.pixel(i % label.width(), i / label.width());
+                luminances.insert(0.2126 * part(qRed(pixel)) + 0.7152 * part(qGreen(pixel)) +
+                                  0.0722 * part(qBlue(pixel)));
+            }
+            EXPECT_GT((*luminances.rbegin() + 0.05) / (*luminances.begin() + 0.05), 7) << "contrast, theme " << theme;
+        }
+    }
+    QApplication::setPalette(original);
+}
+
 TEST_F(LauncherTest, AnUpgradeByExtractionReachesTheWindowAndTheClient)
 {
     std::vector<int> values;
@@ -91,6 +116,8 @@ TEST_F(LauncherTest, TextsAndFontFollowTheLanguage)
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
+    unsetenv("LANGUAGE"); // the developer's
+    setenv("LC_ALL", "C", 1);
     QtSingleApplication app(argc, argv, true);
     initializeLanguage(app);
     return RUN_ALL_TESTS();

@@ -34,6 +34,11 @@ QString StrTable::LoadStr(int id)
     return text;
 }
 
+QString StrTable::WithClientName(int id)
+{
+    return LoadStr(id).arg(LoadStr(CLIENT_NAME), 0, QLatin1Char(' '));
+}
+
 int StrTable::LookupStrID(QString key)
 {
     const QByteArray wanted = key.toLocal8Bit();

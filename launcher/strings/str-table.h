@@ -27,6 +27,9 @@ public:
     // English. The escapes \n and \t in a text have become a line break and a tab. Any thread may call.
     static QString LoadStr(int id);
 
+    // The same with the client's name put in for %1.
+    static QString WithClientName(int id);
+
     // The id of the key, in any letter case, or -1.
     static int LookupStrID(QString key);
 

@@ -5,11 +5,11 @@
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
-        <translation>%1 er klar.</translation>
+        <translation>%1en er klar.</translation>
     </message>
     <message>
         <source>%1 is initializing...</source>
-        <translation>Initialiserer %1…</translation>
+        <translation>Initialiserer %1en…</translation>
     </message>
     <message>
         <source>Brimlock Client</source>

@@ -5,11 +5,11 @@
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
-        <translation>%1 is gereed.</translation>
+        <translation>De %1 is gereed.</translation>
     </message>
     <message>
         <source>%1 is initializing...</source>
-        <translation>%1 wordt geïnitialiseerd…</translation>
+        <translation>De %1 wordt geïnitialiseerd…</translation>
     </message>
     <message>
         <source>Brimlock Client</source>

@@ -5,11 +5,11 @@
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
-        <translation>%1 är redo.</translation>
+        <translation>%1en är redo.</translation>
     </message>
     <message>
         <source>%1 is initializing...</source>
-        <translation>Initierar %1&#xa0;…</translation>
+        <translation>Initierar %1en&#xa0;…</translation>
     </message>
     <message>
         <source>Brimlock Client</source>
