@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "fileop/file-op-internal.h"
+#include "fileop/scoped-fd.h"
 #include "log/log.h"
 
 namespace
@@ -21,26 +22,6 @@ namespace
 constexpr size_t kCopyBytes = 8192;
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kNewFolderMode = 0777;
-
-class ScopedFd
-{
-public:
-    explicit ScopedFd(int opened) : fd(opened) {}
-    ~ScopedFd()
-    {
-        if (valid()) {
-            close(fd);
-        }
-    }
-    ScopedFd(const ScopedFd &) = delete;
-    ScopedFd &operator=(const ScopedFd &) = delete;
-
-    bool valid() const { return fd >= 0; }
-    int get() const { return fd; }
-
-private:
-    const int fd;
-};
 
 struct DirCloser {
     void operator()(DIR *dir) const { closedir(dir); }

@@ -1,0 +1,32 @@
+#ifndef BRIMLOCK_FILEOP_SCOPED_FD_H
+#define BRIMLOCK_FILEOP_SCOPED_FD_H
+
+#include <cerrno>
+
+#include <unistd.h>
+
+// Owns a file descriptor, or none when it is negative: what a failed open() gave. Closing it leaves errno alone,
+// so that the failure that ends a function is still there for its caller.
+class ScopedFd
+{
+public:
+    explicit ScopedFd(int opened) : fd(opened) {}
+    ~ScopedFd()
+    {
+        const int callerErrno = errno;
+        if (valid()) {
+            close(fd);
+        }
+        errno = callerErrno;
+    }
+    ScopedFd(const ScopedFd &) = delete;
+    ScopedFd &operator=(const ScopedFd &) = delete;
+
+    bool valid() const { return fd >= 0; }
+    int get() const { return fd; }
+
+private:
+    const int fd;
+};
+
+#endif
