@@ -277,7 +277,12 @@ int FSRemove(const std::string &path, bool)
             return 0; // callers rely on it: what may not be looked into is not theirs to remove
         }
         while (const dirent *entry = readdir(dir.get())) {
-            if (!IsDotEntry(entry->d_name) && FSRemove(path + "/" + entry->d_name, false) != 0) {
+            if (IsDotEntry(entry->d_name)) {
+                continue;
+            }
+            const std::string child = path + "/" + entry->d_name;
+            const bool isFile = entry->d_type == DT_REG; // known without a look at it
+            if (isFile ? remove(child.c_str()) != 0 && errno != ENOENT : FSRemove(child, false) != 0) {
                 return -3;
             }
         }
