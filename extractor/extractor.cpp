@@ -15,7 +15,7 @@
 
 namespace
 {
-constexpr char kComponent[] = "extractor_debug";
+const std::string kComponent = "extractor_debug";
 constexpr size_t kBlockBytes = 10240;
 constexpr int kDiskOptions = ARCHIVE_EXTRACT_UNLINK | ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_MAC_METADATA;
 
@@ -28,18 +28,17 @@ struct WriterDeleter {
 using Reader = std::unique_ptr<archive, ReaderDeleter>;
 using Writer = std::unique_ptr<archive, WriterDeleter>;
 
-// Returns false with the reader's error set. A FIFO is refused: opening one would wait for a writer without
-// end.
+bool IsFifo(const std::string &path)
+{
+    struct stat info = {};
+    return stat(path.c_str(), &info) == 0 && S_ISFIFO(info.st_mode);
+}
+
+// Returns false with the reader's error set.
 bool Open(archive *reader, const std::string &source)
 {
     archive_read_support_filter_all(reader);
     archive_read_support_format_all(reader);
-
-    struct stat info = {};
-    if (!source.empty() && stat(source.c_str(), &info) == 0 && S_ISFIFO(info.st_mode)) {
-        archive_set_error(reader, EINVAL, "'%s' is a FIFO", source.c_str());
-        return false;
-    }
     return archive_read_open_filename(reader, source.c_str(), kBlockBytes) == ARCHIVE_OK;
 }
 
@@ -112,7 +111,7 @@ int Extractor::List()
 int Extractor::Extract()
 {
     if (source.empty() || target.empty()) {
-        // The capital A tells log readers that it was not Count().
+        // The capital A tells it from Count()'s.
         LOGGER_ERROR(kComponent, "Invalid Argument\n");
         return -1;
     }
@@ -123,6 +122,10 @@ int Extractor::Extract()
         StrTable::LoadStr(StrTable::CLIENT_INITIALIZING)
             .arg(StrTable::LoadStr(StrTable::CLIENT_NAME), 0, QLatin1Char(' ')));
 
+    if (IsFifo(source)) { // what has been counted would be gone, and its writer may never come
+        LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", source.c_str(), "a FIFO cannot be read twice");
+        return -1;
+    }
     const int total = Count();
     if (total < 1) {
         LOGGER_ERROR(kComponent, "Failed to calculate total file numbers, ret: %d\n", total);
@@ -157,8 +160,7 @@ int Extractor::ExtractEntries(archive *reader, archive *writer, int total)
         }
         const char *name = archive_entry_pathname(entry);
         if (name == nullptr) {
-            LOGGER_ERROR(kComponent,
-                         "archive_entry_pathname failed"); // log readers know it without a line end
+            LOGGER_ERROR(kComponent, "archive_entry_pathname failed"); // without a line end
             return -1;
         }
         archive_entry_set_pathname(entry, (target + "/" + name).c_str());

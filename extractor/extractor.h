@@ -11,7 +11,8 @@ struct archive;
 class Extractor
 {
 public:
-    // A file. A FIFO is refused, "/dev/stdin" included when it is one: nobody may ever write to it.
+    // A file, or for Count() and List() anything that can be read once from end to end: a FIFO, whose writer
+    // they wait for, or "/dev/stdin".
     void SetSource(const std::string &path) { source = path; }
 
     // The folder to unpack into, without a trailing "/".
@@ -27,9 +28,10 @@ public:
     int List();
 
     // Unpacks the source below the target (what the archive's links can do is told in docs/behaviour.md),
-    // replacing what is there, and reports label and progress through
-    // Notify_Adapter. Returns 0, or -1 at the first entry that cannot be read or written whole; what was
-    // written before it stays, and the caller removes it. Owners, times and attributes are not restored.
+    // replacing what is there, and reports label and progress through Notify_Adapter. Reads the source twice,
+    // so a FIFO is refused at once. Returns 0, or -1 at the first entry that cannot be read or written whole;
+    // what was written before it stays, and the caller removes it. Owners, times and attributes are not
+    // restored.
     int Extract();
 
     // Copies the data of the reader's current entry to the writer's. Both stay the caller's. Returns 0 or -1.

@@ -10,7 +10,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "fileop/file-op-internal.h"
@@ -64,7 +63,7 @@ bool MakeLevel(const std::string &prefix, bool isLast)
                     prefix.c_str());
         return false;
     }
-    // Log readers know this text, although the entry is no folder: the next level fails with ENOTDIR.
+    // The entry is no folder, whatever the text says: the next level fails with ENOTDIR.
     LOGGER_INFO(kFileOpComponent, "FSMKDirP: path: %s is symbolic link pointed to folder\n", prefix.c_str());
     return true;
 }
@@ -128,25 +127,6 @@ int OpenForCopy(const std::string &path, int flags, mode_t mode)
     return fd;
 }
 
-int CopyFile(const std::string &src, const std::string &dst, bool keepMode)
-{
-    const ScopedFd in(OpenForCopy(src, O_RDONLY, 0));
-    if (!in.valid()) {
-        return -1;
-    }
-    mode_t mode = kNewFileMode;
-    if (keepMode) {
-        _FILE_INFO_tag info;
-        if (FSStat(src, info, true) < 0) {
-            LOGGER_ERROR(kFileOpComponent, "FSStat: check state (%s) failed\n", src.c_str());
-            return -1;
-        }
-        mode = info.mode;
-    }
-    const ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
-    return out.valid() ? CopyBytes(in.get(), out.get()) : -1;
-}
-
 // Moves a folder to another file system, entry by entry.
 int MoveFolder(const std::string &src, const std::string &dst, bool followLink)
 {
@@ -173,10 +153,28 @@ int MoveFolder(const std::string &src, const std::string &dst, bool followLink)
 
 int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bool keepMode)
 {
-    const int result = CopyFile(src, dst, keepMode);
+    ScopedFd in(OpenForCopy(src, O_RDONLY, 0));
+    if (!in.valid()) {
+        return -1;
+    }
+    mode_t mode = kNewFileMode;
+    if (keepMode) {
+        _FILE_INFO_tag info;
+        if (FSStat(src, info, true) < 0) {
+            LOGGER_ERROR(kFileOpComponent, "FSStat: check state (%s) failed\n", src.c_str());
+            return -1;
+        }
+        mode = info.mode;
+    }
+    const ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
+    if (!out.valid()) {
+        return -1;
+    }
+    const int result = CopyBytes(in.get(), out.get());
     if (result != 0 || !removeSource) {
         return result;
     }
+    in.reset();
     return remove(src.c_str()) == 0 ? 0 : -1;
 }
 
@@ -187,7 +185,7 @@ int FSMKDir(const std::string &path, bool recursive)
     }
     _FILE_INFO_tag info;
     if (GetFileInfo(path, info) != 0) {
-        // Log readers search for this text, with both "to".
+        // With both "to".
         LOGGER_ERROR(kFileOpComponent, "FSMKDir: Failed to to file info '%s'\n", path.c_str());
         return -1;
     }
@@ -209,7 +207,7 @@ int FSMKDir(const std::string &path, bool recursive)
 int FSMKDirFromRoot(const std::string &target, const std::string &root)
 {
     if (root.size() > target.size()) {
-        // Log readers search for this text, "then" included.
+        // "then", not "than".
         LOGGER_ERROR(kFileOpComponent, "Giving a root '%s' whose length is larger then target's '%s'.\n", root.c_str(),
                      target.c_str());
         return -1;
@@ -279,7 +277,12 @@ int FSRemove(const std::string &path, bool)
             return 0; // callers rely on it: what may not be looked into is not theirs to remove
         }
         while (const dirent *entry = readdir(dir.get())) {
-            if (!IsDotEntry(entry->d_name) && FSRemove(path + "/" + entry->d_name, false) != 0) {
+            if (IsDotEntry(entry->d_name)) {
+                continue;
+            }
+            const std::string child = path + "/" + entry->d_name;
+            const bool isFile = entry->d_type == DT_REG; // known without a look at it
+            if (isFile ? remove(child.c_str()) != 0 && errno != ENOENT : FSRemove(child, false) != 0) {
                 return -3;
             }
         }
@@ -302,10 +305,4 @@ int FSFsync(const std::string &path)
         return -1;
     }
     return 0;
-}
-
-int FSUTime(const std::string &path, int64_t atime, int64_t mtime)
-{
-    const timeval times[2] = {{atime, 0}, {mtime, 0}};
-    return lutimes(path.c_str(), times);
 }

@@ -20,13 +20,13 @@ namespace
 {
 constexpr size_t kRealPathBytes = 8192;
 
-constexpr uint32_t kCifsMagic = 0xFF534D42;
-constexpr uint32_t kNfsMagic = 0x6969;
-constexpr uint32_t kFuseMagic = 0x65735546;
-constexpr uint32_t kMsdosMagic = 0x4D44;
+constexpr int64_t kCifsMagic = 0xFF534D42;
+constexpr int64_t kNfsMagic = 0x6969;
+constexpr int64_t kFuseMagic = 0x65735546;
+constexpr int64_t kMsdosMagic = 0x4D44;
+} // namespace
 
-// Returns false, with `type` as it was, for a mode of no known kind.
-bool TypeFromMode(uint32_t mode, uint32_t &type)
+bool TypeFromMode(mode_t mode, uint32_t &type)
 {
     switch (mode & S_IFMT) {
     case S_IFREG:
@@ -52,7 +52,6 @@ bool TypeFromMode(uint32_t mode, uint32_t &type)
         return false;
     }
 }
-} // namespace
 
 bool _FILE_INFO_tag::operator==(const _FILE_INFO_tag &other) const
 {
@@ -147,20 +146,19 @@ bool isMountPoint(const std::string &path)
                      strerror(errno));
         return false;
     }
-    const auto type = static_cast<uint32_t>(status.f_type);
-    return type == kCifsMagic || type == kNfsMagic || type == kFuseMagic;
+    return status.f_type == kCifsMagic || status.f_type == kNfsMagic || status.f_type == kFuseMagic;
 }
 
 bool IsMSDOS(const std::string &path)
 {
     struct statfs status = {};
     if (statfs(path.c_str(), &status) != 0) {
-        // Log readers search for this name, although it is not the function's.
+        // Not the function's name.
         LOGGER_ERROR(kFileOpComponent, "IsSupportLargeFile: Failed to get file system info '%s'. %s\n", path.c_str(),
                      strerror(errno));
         return false;
     }
-    if (static_cast<uint32_t>(status.f_type) != kMsdosMagic) {
+    if (status.f_type != kMsdosMagic) {
         return false;
     }
     LOGGER_WARNING(kFileOpComponent, "Detect a MSDOS platform for path '%s'.\n", path.c_str());

@@ -3,7 +3,15 @@
 
 // What the library's own sources share.
 
-constexpr char kFileOpComponent[] = "file_op_debug";
+#include <cstdint>
+#include <string>
+
+#include <sys/types.h>
+
+inline const std::string kFileOpComponent = "file_op_debug";
+
+// The FSType for a mode's type bits. Returns false, with `type` as it was, for bits of no known kind.
+bool TypeFromMode(mode_t mode, uint32_t &type);
 
 // The entries that stand for the folder itself and its parent.
 inline bool IsDotEntry(const char *name)

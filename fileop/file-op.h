@@ -6,9 +6,11 @@
 
 #include <dirent.h>
 
-// Files, folders and links. Paths are byte strings and are never normalised. Unless a function says
-// otherwise, 0 is success and -1 a failed system call or an invalid argument; errno is then as that call left
-// it. No function undoes what it has already done. None keeps state or takes a lock but FSCreateTempPath().
+// Files, folders and links. Paths are byte strings and are never normalised: a "/" behind the name of a link
+// makes the system follow it, so that "link/" is the folder behind it, for FSRemove() too. Unless a function
+// says otherwise, 0 is success and -1 a failed system call or an invalid argument; errno is then as that call
+// left it. No function undoes what it has already done. None keeps state or takes a lock but
+// FSCreateTempPath().
 
 // What GetFileInfo() knows of a path. Two records are equal when existence, size, mtime, type, path and name
 // are: a change of owner, mode or device alone makes no difference.
@@ -138,7 +140,7 @@ int FSOpenDir(const std::string &path, int flags, DIR_HANDLE &handle);
 // time and size cannot be told, and `entry` is untouched.
 int FSReadDir(DIR_HANDLE &handle, DIR_ENTRY &entry);
 
-// Closes the folder; a handle that is not open is left alone.
+// Closes the folder if the handle is open, and clears its path. The flags stay.
 void FSCloseDir(DIR_HANDLE &handle);
 
 // Creates an empty file of mode 0644 with a random name in the folder; the caller owns it. -1: `path` is

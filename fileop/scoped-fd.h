@@ -11,22 +11,26 @@ class ScopedFd
 {
 public:
     explicit ScopedFd(int opened) : fd(opened) {}
-    ~ScopedFd()
-    {
-        const int callerErrno = errno;
-        if (valid()) {
-            close(fd);
-        }
-        errno = callerErrno;
-    }
+    ~ScopedFd() { reset(); }
     ScopedFd(const ScopedFd &) = delete;
     ScopedFd &operator=(const ScopedFd &) = delete;
 
     bool valid() const { return fd >= 0; }
     int get() const { return fd; }
 
+    // Closes it now.
+    void reset()
+    {
+        const int callerErrno = errno;
+        if (valid()) {
+            close(fd);
+        }
+        fd = -1;
+        errno = callerErrno;
+    }
+
 private:
-    const int fd;
+    int fd;
 };
 
 #endif

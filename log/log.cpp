@@ -1,14 +1,15 @@
 #include "log/log.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
 
 #include <syslog.h>
 
 namespace
 {
-constexpr int kDefaultThreshold = Logger::WARNING;
 constexpr size_t kStampBytes = 512;
+constexpr size_t kZoneBytes = 256;
 
 // Gives the caller's errno back when the logger is done, and on the way to every "%m".
 class ErrnoKeeper
@@ -22,20 +23,26 @@ private:
     const int saved = errno;
 };
 
-// The local time with a blank behind it. Made once a second, because the look-up of the time zone costs a
-// system call; each thread keeps its own, because not every sink is locked.
+// The local time with a blank behind it. Made anew when the second or TZ has changed, because the look at the time
+// zone costs system calls; each thread keeps its own, because not every sink is locked.
 const char *TimeStamp()
 {
     thread_local char stamp[kStampBytes] = "";
     thread_local time_t stampSecond = -1;
+    thread_local char stampZone[kZoneBytes] = ""; // a longer one is cut, and then no stamp is kept
 
     const time_t now = time(nullptr);
-    if (now != stampSecond) {
+    const char *zone = getenv("TZ");
+    if (zone == nullptr) {
+        zone = "/etc/localtime"; // what an unset TZ stands for
+    }
+    if (now != stampSecond || strcmp(zone, stampZone) != 0) {
         tzset();
         tm local = {};
         localtime_r(&now, &local);
         strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S ", &local);
         stampSecond = now;
+        snprintf(stampZone, sizeof stampZone, "%s", zone);
     }
     return stamp;
 }
@@ -44,13 +51,34 @@ const char *TimeStamp()
 // The start state is deliberate: "initialised", a type that is written with a time stamp, and standard error.
 // It is what makes early messages visible.
 bool Logger::log_initialized = true;
-FILE *Logger::log_fp = stderr;
+FILE *Logger::log_fp = nullptr;
+bool Logger::levels_unreadable = false;
+pthread_mutex_t *Logger::log_lock = nullptr;
+int32_t *Logger::log_size = nullptr;
+uint64_t *Logger::log_rotated_count_shared = nullptr;
+uint64_t Logger::log_rotated_count_private = 0;
 
-// Never deleted: exit() may run while another thread still logs.
-Logger::InitConfig &Logger::config = *new InitConfig;
-std::string &Logger::log_path = *new std::string;
-std::unordered_map<std::string, int> &Logger::log_level = *new std::unordered_map<std::string, int>;
-std::mutex *Logger::log_lock = nullptr;
+// Constructed before and destroyed after every static object of ordinary priority, so that those may log.
+[[gnu::init_priority(101)]] Logger::InitConfig Logger::config;
+[[gnu::init_priority(101)]] std::string Logger::log_path;
+[[gnu::init_priority(101)]] std::unordered_map<std::string, int> Logger::log_level;
+
+// The last of them, and so the first to be destroyed: it silences the logger, and moves what another thread may
+// still be reading to where it is never destroyed.
+struct Logger::Lifetime {
+    Lifetime() { log_fp = stderr; }
+    ~Lifetime()
+    {
+        log_initialized = false;
+        levels.swap(log_level);
+        path.swap(log_path);
+    }
+
+private:
+    std::unordered_map<std::string, int> &levels = *new std::unordered_map<std::string, int>;
+    std::string &path = *new std::string;
+};
+[[gnu::init_priority(101)]] Logger::Lifetime Logger::lifetime;
 
 int Logger::GetCompLevel(const std::string &component)
 {
@@ -147,7 +175,8 @@ int Logger::PrintToFilePointerV(const char *format, va_list args)
     if (log_fp == nullptr) {
         return 0;
     }
-    const int stampBytes = fprintf(log_fp, "%s", TimeStamp());
+    const char *stamp = TimeStamp();
+    const int stampBytes = fputs(stamp, log_fp) < 0 ? -1 : static_cast<int>(strlen(stamp));
     callerErrno.restore();
     const int messageBytes = vfprintf(log_fp, format, args);
     FlushFileStream(0);
@@ -164,13 +193,13 @@ void Logger::FlushFileStream(long)
 void Logger::Lock()
 {
     if (log_lock != nullptr) {
-        log_lock->lock();
+        pthread_mutex_lock(log_lock);
     }
 }
 
 void Logger::Unlock()
 {
     if (log_lock != nullptr) {
-        log_lock->unlock();
+        pthread_mutex_unlock(log_lock);
     }
 }

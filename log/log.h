@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <unordered_map>
@@ -20,7 +19,8 @@
 // to standard error, so that no failure during start-up goes unseen.
 //
 // No call that logs a message throws or changes the caller's errno, and a "%m" in a message shows the errno
-// that the caller had. The state is never destroyed: a thread may log for as long as the process lives.
+// that the caller had. Constructors and destructors of static objects may log too, in whatever order the
+// program is linked; at the very end of exit() the logger falls silent, also for threads that still run.
 class Logger
 {
 public:
@@ -47,12 +47,16 @@ public:
     };
 
     // Closes what was open, reads the thresholds and opens the sink. Returns 0, or -1 when the log file has
-    // no path or cannot be opened; the logger then stays silent until a later call succeeds. A missing or
-    // malformed level file is no failure. Thresholds of an earlier call stay unless they are set again.
-    // Not to be called while another thread logs.
+    // no path, is no regular file or cannot be opened, or when there is no memory; the logger then stays
+    // silent until a later call succeeds. A missing or malformed level file is no failure. Thresholds of an
+    // earlier call stay unless they are set again. Not to be called while another thread logs.
     static int Initialize(const InitConfig &wanted);
     static int Initialize(Type type, const std::string &path, const std::string &configPath, int rotateCount,
                           SafetyScope scope);
+
+    // Whether the last Initialize() was given a level file that is there but could not be used: it is no
+    // regular file, too large, unreadable or malformed.
+    static bool LevelsUnreadable() { return levels_unreadable; }
 
     // Closes the log file and silences the logger until the next successful Initialize(). Not to be called
     // while another thread logs.
@@ -109,16 +113,22 @@ public:
     static void ReloadLogFile();
 
 private:
+    struct Lifetime;
+
     static int WriteToSink(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
     static int OpenSink();
     static void ReadLevels();
 
+    static constexpr int kDefaultThreshold = WARNING;
+
     static bool log_initialized;
-    static InitConfig &config;
+    static InitConfig config;
     static FILE *log_fp; // null for the system log, and for a file that could not be opened
-    static std::string &log_path;
-    static std::unordered_map<std::string, int> &log_level;
-    static std::mutex *log_lock;
+    static std::string log_path;
+    static std::unordered_map<std::string, int> log_level;
+    static bool levels_unreadable;
+    static Lifetime lifetime;
+    static pthread_mutex_t *log_lock;
     static int32_t *log_size; // bytes in the log file; -1 for the other sinks
     static uint64_t *log_rotated_count_shared;
     static uint64_t log_rotated_count_private;

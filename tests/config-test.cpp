@@ -1,4 +1,7 @@
 #include "service/config/config.h"
+
+#include <cerrno>
+
 #include "tests/support.h"
 
 using ConfigTest = ScratchTest;
@@ -25,10 +28,37 @@ TEST(ConfigParseTest, FollowsTheGrammar)
 TEST_F(ConfigTest, OneMalformedLineMakesTheWholeFileUnreadable)
 {
     Config config;
-    Shell("printf 'pid=1\n\nuser=me\npid=2\n%8191spiece=5\n' >good; printf 'user=you\npid=42 43\n' >bad");
+    config.keep_quotes = true;
+    Shell("printf 'pid=1\n\nuser=\"me\"\npid=2\n%8191spiece=5\n' >good; printf 'user=you\npid=42 43\nx=1\n' >bad");
     EXPECT_EQ(config.read(Path("good")), 0);
-    EXPECT_EQ(config.read(Path("none")), -1) << "which changes nothing";
-    EXPECT_EQ(config.entries, (std::map<std::string, std::string>{{"pid", "2"}, {"piece", "5"}, {"user", "me"}}));
+    EXPECT_EQ(config.entries, (std::map<std::string, std::string>{{"pid", "2"}, {"piece", "5"}, {"user", "\"me\""}}));
+    EXPECT_EQ(config["none"], "");
+    EXPECT_EQ(config.entries.size(), 4u) << "a key that is asked for is there";
     EXPECT_EQ(config.read(Path("bad")), -1);
     EXPECT_TRUE(config.entries.empty());
+}
+
+TEST_F(ConfigTest, ReadsRegularFilesOfAMebibyteAndWaitsForNothingElse)
+{
+    alarm(30); // a FIFO has no writer here
+    Shell("mkdir folder; mkfifo fifo; { echo pid=1; yes '#'; } | head -c 1048576 >most; { cat most; echo; } >more");
+    Config config;
+    EXPECT_EQ(config.read(Path("most")), 0);
+    const auto entries = config.entries;
+    const auto openFiles = Tree("/proc/self/fdinfo").size();
+    const std::pair<std::string, int> cases[] = {{"", 0},
+                                                 {Path("none"), ENOENT},
+                                                 {Path("most/x"), ENOTDIR},
+                                                 {scratch, EINVAL},
+                                                 {Path("fifo"), EINVAL},
+                                                 {"/dev/zero", EINVAL},
+                                                 {Path("more"), EFBIG}};
+    for (const auto &[path, error] : cases) {
+        errno = 0;
+        EXPECT_EQ(config.read(path), -1) << path;
+        EXPECT_EQ(errno, error) << path;
+    }
+    EXPECT_EQ(config.entries, entries) << "nothing changes";
+    EXPECT_EQ(Tree("/proc/self/fdinfo").size(), openFiles);
+    alarm(0);
 }

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 
+#include <sys/resource.h>
+
 #include "tests/support.h"
 
 using FileOpTest = ScratchTest;
@@ -20,7 +22,7 @@ TEST(PathStringTest, PathsAreCutAtTheLastSlash)
 
 TEST_F(FileOpTest, ARecordTellsWhatIsThereWithoutFollowingLinks)
 {
-    Shell("mkdir folder; printf 12345 >file; ln -s nowhere link; mkfifo fifo; touch -d @5 *");
+    Shell("mkdir folder; printf 12345 >file; ln -s nowhere link; mkfifo fifo; touch -hd @5 *");
     _FILE_INFO_tag info;
     std::string types;
     for (const char *path : {"file", "folder", "link", "../../dev/null", "fifo", "none"}) {
@@ -29,6 +31,12 @@ TEST_F(FileOpTest, ARecordTellsWhatIsThereWithoutFollowingLinks)
         types += std::to_string(info.type) + "/" + (info.type == FS_TYPE_DIR ? "" : std::to_string(info.size)) + " ";
     }
     EXPECT_EQ(types, "1/5 2/ 3/7 5/0 6/0 0/0 ");
+    struct stat status = {};
+    ASSERT_EQ(lstat(Path("link").c_str(), &status) + GetFileInfo(Path("link"), info), 0);
+    EXPECT_EQ(std::tie(info.uid, info.gid, info.mode, info.device, info.name),
+              std::make_tuple(status.st_uid, status.st_gid, status.st_mode, status.st_dev, "link"));
+    EXPECT_EQ(info.mtime, 5);
+    EXPECT_TRUE(FSStat("", info, true) == -1 && FSStat(Path("file/x"), info, true) == -2);
     ASSERT_EQ(GetFileInfo(Path("file"), info), 0);
     const _FILE_INFO_tag before = info;
     Shell("chmod 600 file");
@@ -57,6 +65,18 @@ TEST_F(FileOpTest, CopiesBytesAndChoosesTheMode)
     EXPECT_TRUE(!fs::exists(Path("never")) &&
                 Logged("CopyFile: open(" + Path("src") + "): No such file or directory (2)"));
     EXPECT_TRUE(FSCopy(scratch, Path("x"), false, false) == -1 && Logged("CopyFile: read: Is a directory (21)\n") == 1);
+    Shell("ln -s kept link");
+    EXPECT_EQ(FSCopy(Path("link"), Path("followed"), true, true), 0);
+    EXPECT_TRUE(ReadFile(Path("followed")) == bytes && ModeOf(Path("followed")) == 0755 && !fs::exists(Path("link")))
+        << "the bytes behind the link, the mode of the link";
+    const auto copyToALimit = [this] {
+        const rlimit limit = {10000, 10000};
+        signal(SIGXFSZ, SIG_IGN);
+        return setrlimit(RLIMIT_FSIZE, &limit), FSCopy(Path("kept"), Path("part"), true, false);
+    };
+    EXPECT_EQ(InChild(copyToALimit), 255);
+    EXPECT_EQ(ReadFile(Path("part")) + ReadFile(Path("kept")), bytes.substr(0, 10000) + bytes) << "both stay";
+    EXPECT_EQ(Logged("CopyFile: write: File too large (27)\n"), 1);
 }
 
 TEST_F(FileOpTest, MakesFoldersAndKeepsErrno)
@@ -73,7 +93,9 @@ TEST_F(FileOpTest, MakesFoldersAndKeepsErrno)
     EXPECT_EQ(FSMKDir(Path("dangling/x"), true), -2);
     EXPECT_EQ(errno, EEXIST) << "mkdir's, not that of the look that follows it";
     EXPECT_EQ(FSMKDirFromRoot(Path("none/a"), Path("none")), -1) << "the root itself is never made";
-    EXPECT_TRUE(FSMKDirFromRoot(Path("r/a/b"), Path("r")) == 0 && fs::is_directory(Path("r/a/b")));
+    umask(027);
+    EXPECT_TRUE(FSMKDirFromRoot(Path("r/a/b"), Path("r")) == 0 && ModeOf(Path("r/a/b")) == 0750);
+    umask(022);
 }
 
 TEST_F(FileOpTest, MovesTreesAlsoToAnotherFileSystem)
@@ -102,6 +124,10 @@ TEST_F(FileOpTest, RemovesTreesButNothingBehindALink)
     EXPECT_EQ(FSRemove("/proc/self/status", true), -3);
     EXPECT_EQ(InChild([this] { return BecomeUnprivileged(), FSRemove(Path("outside"), false); }), 0);
     EXPECT_TRUE(fs::exists(Path("outside"))) << "what may not be listed stays, and that is a success";
+    Shell("mkdir -p tree/a; touch tree/a/file; chmod 555 tree/a; chmod 777 tree");
+    EXPECT_EQ(InChild([this] { return BecomeUnprivileged(), FSRemove(Path("tree"), false) == -3 && errno == EACCES; }),
+              1);
+    EXPECT_TRUE(fs::exists(Path("tree/a/file")));
 }
 
 TEST_F(FileOpTest, WalksAFolder)
@@ -111,12 +137,21 @@ TEST_F(FileOpTest, WalksAFolder)
     FSCloseDir(handle); // never opened
     EXPECT_EQ(FSOpenDir(LogPath(), 0, handle), -1);
     EXPECT_EQ(Logged("FSOpenDir: Failed to open directory '" + LogPath() + "'. Not a directory\n"), 1);
-    ASSERT_EQ(FSOpenDir(scratch, FS_DIR_WITH_INFO, handle), 0);
-    for (int entries = 4; FSReadDir(handle, entry) == 1; --entries) { // the log, the levels, and the two dots
-        EXPECT_EQ(entry.type, entry.name[0] == '.' ? FS_TYPE_DIR : FS_TYPE_FILE);
-        EXPECT_TRUE(entries > 0 && entry.size != 0 && entry.mtime != 0) << entry.name;
-    }
-    FSCloseDir(handle);
+    Shell("mkdir f f/folder; printf 12345 >f/file; ln -s nowhere f/link; mkfifo f/fifo; touch -hd @5 f/*");
+    const auto walk = [&](int flags) {
+        std::set<std::string> found;
+        EXPECT_EQ(FSOpenDir(Path("f"), flags, handle), 0);
+        while (FSReadDir(handle, entry) == 1) {
+            const std::string info = std::to_string(entry.mtime) + " " + std::to_string(entry.size);
+            found.insert(entry.name + " " + std::to_string(entry.type) + (entry.type == FS_TYPE_DIR ? "" : " " + info));
+        }
+        FSCloseDir(handle);
+        EXPECT_TRUE(handle.path.empty() && handle.dir == nullptr && handle.flags == flags);
+        return found;
+    };
+    using Entries = std::set<std::string>;
+    EXPECT_EQ(walk(FS_DIR_WITH_INFO), (Entries{". 2", ".. 2", "fifo 6 5 0", "file 1 5 5", "folder 2", "link 3 5 7"}));
+    EXPECT_EQ(walk(0), (Entries{". 2", ".. 2", "fifo 6 0 0", "file 1 0 0", "folder 2", "link 3 0 0"}));
 }
 
 TEST_F(FileOpTest, NamesLinksOwnersAndProbes)
@@ -134,11 +169,18 @@ TEST_F(FileOpTest, NamesLinksOwnersAndProbes)
     _FILE_INFO_tag link;
     _FILE_INFO_tag file;
     ASSERT_EQ(GetFileInfo(Path("link"), link) + GetFileInfo(LogPath(), file), 0);
+    struct stat status = {};
+    EXPECT_TRUE(lstat(Path("link").c_str(), &status) == 0 && status.st_atime == 1000);
     EXPECT_TRUE(link.mtime == 2000 && link.uid == owner && file.mtime != 2000 && file.uid == getuid()) << "of the link";
     EXPECT_EQ(InChild([&] { return chdir(scratch.c_str()) + FSChown("log", getuid(), getgid()); }), 255)
         << "a relative path is not one of the current folder";
     EXPECT_FALSE(IsMSDOS(Path("none")));
     EXPECT_EQ(Logged("IsSupportLargeFile: Failed to get file system info '" + Path("none") + "'. No such"), 1);
     EXPECT_TRUE(hasFilePermission(Path("none"), W_OK));
-    EXPECT_EQ(FSFsync(Path("none")), 1);
+    EXPECT_TRUE(FSChmod(Path("link"), 0600) == 0 && ModeOf(LogPath()) == 0600) << "of what is behind it";
+    Shell("chmod 711 . ; mkdir -m 700 shut");
+    EXPECT_EQ(InChild([this] { return BecomeUnprivileged(), hasFilePermission(Path("shut"), W_OK); }), getuid() != 0);
+    path = Path("./link");
+    EXPECT_TRUE(FSGetRealPath(path) == 0 && path == LogPath() && FSGetRealPath(path += "/x") == -1);
+    EXPECT_TRUE(FSFsync(Path("none")) == 1 && FSFsync(Path("log/x")) == -1 && FSFsync(LogPath()) == 0);
 }

@@ -1,7 +1,9 @@
 #include <cerrno>
+#include <ctime>
 #include <thread>
 
 #include <fcntl.h>
+#include <syslog.h>
 
 #include "tests/support.h"
 
@@ -22,10 +24,55 @@ protected:
 };
 } // namespace
 
-TEST(LogDeathTest, BeforeInitializeOnlySevereMessagesReachStandardError)
+// Logs before main() and after it.
+const struct StaticObject {
+    StaticObject() { Say("constructor\n", Logger::WARNING); }
+    ~StaticObject() { Say("destructor\n"); }
+} staticObject;
+
+TEST(LogDeathTest, EachSinkHasItsForm)
 {
-    EXPECT_EXIT((Say("hidden\n", Logger::INFO), Say("seen\n", Logger::WARNING), exit(0)), testing::ExitedWithCode(0),
-                "^[0-9]{4}-[0-9-]{5}T[0-9:]{8} seen\n$");
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // runs the program anew, constructors included
+    const auto useAllSinks = [] {
+        Say("hidden\n", Logger::INFO);
+        Say("seen\n", Logger::WARNING);
+        Logger::Initialize(Logger::Type(4), "/dev/null/x", "", 50, Logger::SCOPE_THREAD);
+        Say("no stream\n");
+        openlog("system", LOG_PERROR, LOG_USER);
+        setlogmask(LOG_MASK(LOG_ERR)); // the one priority
+        Logger::Initialize(Logger::TYPE_SYSLOG, "", "", 50, Logger::SCOPE_THREAD);
+        Say("log\n", Logger::WARNING);
+        const std::string file = testing::TempDir() + "/brimlock-type-4";
+        Logger::Initialize(Logger::Type(4), file, "", 50, Logger::SCOPE_THREAD);
+        Say("bare\n");
+        remove(file.c_str());
+        Logger::Initialize(Logger::TYPE_STDERR, "", "", 50, Logger::SCOPE_THREAD);
+        exit(Logger::PrintToFilePointer("%d\n", 1));
+    };
+    EXPECT_EXIT(useAllSinks(), testing::ExitedWithCode(kStampBytes + 2),
+                "^[^ ]{19} constructor\n[^ ]{19} seen\nsystem: log\nbare\n[^ ]{19} 1\n[^ ]{19} destructor\n$");
+}
+
+TEST_F(LogTest, TellsTheLocalTimeOfThisVerySecond)
+{
+    const auto inZone = [](time_t offset) {
+        char text[kStampBytes] = "";
+        const time_t now = time(nullptr) + offset;
+        strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", gmtime(&now));
+        return std::string(text);
+    };
+    const std::pair<const char *, time_t> zones[] = {{"AAA-5", 18000}, {"BBB+7", -25200}, {"", 0}, {"", 0}};
+    for (const auto &[zone, offset] : zones) {
+        WriteFile(LogPath(), "");
+        setenv("TZ", zone, 1);
+        const std::string before = inZone(offset);
+        Say("now\n");
+        EXPECT_TRUE(before <= Log() && Log() <= inZone(offset) + "~") << zone << Log();
+        if (offset == 0) {
+            sleep(1); // the zone stays, the second does not
+        }
+    }
+    unsetenv("TZ");
 }
 
 TEST_F(LogTest, ShowsTheCallersErrnoAndLeavesItAlone)
@@ -74,6 +121,12 @@ TEST_F(LogTest, EachComponentHasItsOwnThresholdUntilItIsSetAgain)
     StartLog("service_debug=6\n");
     EXPECT_EQ(Logger::GetCompLevel("launcher_debug"), 7);
     EXPECT_EQ(Logger::GetCompLevel("service_debug"), 6);
+    EXPECT_FALSE(Logger::LevelsUnreadable());
+    StartLog("service_debug=5\nmalformed\n");
+    EXPECT_TRUE(Logger::LevelsUnreadable());
+    EXPECT_EQ(Logger::GetCompLevel("service_debug"), 6);
+    EXPECT_EQ(Logger::Initialize(Logger::TYPE_STDERR, "", Path("none"), 50, Logger::SCOPE_THREAD), 0);
+    EXPECT_FALSE(Logger::LevelsUnreadable()) << "just missing";
     Logger::Destroy();
     EXPECT_FALSE(Logger::IsNeedToLog(Logger::ERROR, "launcher_debug"));
 }
@@ -84,10 +137,16 @@ TEST_F(LogTest, AFailureSilencesTheLoggerUntilTheNextInitialize)
     EXPECT_EQ(Logger::Rotate(), -1);
     Say("dropped\n");
     EXPECT_FALSE(fs::exists(LogPath()));
-    EXPECT_EQ(Logger::Initialize(Logger::TYPE_FILE, scratch, "", 50, Logger::SCOPE_THREAD), -1);
+    Shell("mkfifo fifo");
+    const int reader = open(Path("fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    for (const std::string &path : {Path(""), Path("fifo"), std::string("/dev/full"), std::string()}) {
+        EXPECT_EQ(Logger::Initialize(Logger::TYPE_FILE, path, "", 50, Logger::SCOPE_THREAD), -1) << path;
+    }
+    close(reader);
     EXPECT_FALSE(Logger::IsNeedToLog(Logger::ERROR, "launcher_debug"));
     StartLog();
     Say("back\n");
+    Shell("! ls -l /proc/self/fd | grep -F '" + LogPath() + "'"); // no other program holds the log
     EXPECT_EQ(Log().substr(kStampBytes), "back\n");
     EXPECT_TRUE(fcntl(1, F_GETFD) != -1 && fcntl(2, F_GETFD) != -1) << "streams that are not the logger's stay open";
 }

@@ -1,16 +1,49 @@
 #include "service/config/config.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
 // A longer line is parsed piece by piece, each piece as a line of its own.
 constexpr int kLineBytes = 8192;
 
+constexpr off_t kMaxFileBytes = 1024 * 1024;
+
 struct FileCloser {
     void operator()(FILE *file) const { fclose(file); }
 };
+
+// Null, with errno set, for what is no regular file of at most kMaxFileBytes.
+FILE *OpenRegular(const std::string &path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        return nullptr;
+    }
+    struct stat info = {};
+    FILE *file = nullptr;
+    if (fstat(fd, &info) == 0) {
+        if (!S_ISREG(info.st_mode)) {
+            errno = EINVAL;
+        } else if (info.st_size > kMaxFileBytes) {
+            errno = EFBIG;
+        } else {
+            file = fdopen(fd, "r");
+        }
+    }
+    if (file == nullptr) {
+        const int openErrno = errno;
+        close(fd);
+        errno = openErrno;
+    }
+    return file;
+}
 
 char *SkipSpace(char *cursor)
 {
@@ -42,7 +75,7 @@ int Config::read(const std::string &path)
     if (path.empty()) {
         return -1;
     }
-    const std::unique_ptr<FILE, FileCloser> file(fopen(path.c_str(), "re"));
+    const std::unique_ptr<FILE, FileCloser> file(OpenRegular(path));
     if (!file) {
         return -1;
     }

@@ -10,8 +10,9 @@ class Config
 {
 public:
     // Adds the file's pairs, a later line of the same key replacing an earlier one. Returns 0, or -1 when the
-    // path is empty or cannot be opened (nothing changes) or a line is malformed (no pair is left, not even
-    // one of an earlier read). Logs nothing.
+    // path is empty, cannot be opened or is no regular file of at most 1 MiB (nothing changes), or when a line
+    // is malformed (no pair is left, not even one of an earlier read). Never waits for the other end of a FIFO.
+    // Logs nothing.
     int read(const std::string &path);
 
     // The key's value; a missing key is added with an empty one.
