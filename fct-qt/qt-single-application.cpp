@@ -1,103 +1,148 @@
 #include "fct-qt/qt-single-application.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstring>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace
 {
 constexpr char kPlatformVariable[] = "QT_QPA_PLATFORM";
-constexpr int kHeldByAnother = -2;
+constexpr int kGuardNames = 8;
+constexpr int kListenTries = 20;
+constexpr useconds_t kListenPauseMicroseconds = 1000;
 
-// Holds the choice of Qt's platform plugin while the application object is built.
-class PlatformChoice
+QByteArray Platforms(bool wantsDisplay, const QByteArray &chosen)
 {
-public:
-    // Lets Qt try what the session offers and then a platform without a display, instead of aborting. A
-    // choice that the user made stands.
-    explicit PlatformChoice(bool wantsDisplay) : m_isOurs(qEnvironmentVariableIsEmpty(kPlatformVariable))
-    {
-        if (!m_isOurs) {
-            return;
-        }
-        QByteArray platforms;
-        if (wantsDisplay && !qEnvironmentVariableIsEmpty("DISPLAY")) {
-            platforms += "xcb;";
-        }
-        if (wantsDisplay && !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
-            platforms += "wayland;";
-        }
-        qputenv(kPlatformVariable, platforms + "offscreen");
+    const QByteArray last = "offscreen";
+    if (!wantsDisplay) {
+        return last;
     }
-
-    // The choice is not for the programs that this one starts.
-    ~PlatformChoice()
-    {
-        if (m_isOurs) {
-            qunsetenv(kPlatformVariable);
-        }
+    if (!chosen.isEmpty()) {
+        return chosen + ";" + last;
     }
-
-    PlatformChoice(const PlatformChoice &) = delete;
-    PlatformChoice &operator=(const PlatformChoice &) = delete;
-
-    // Hands an argument of the base class's constructor through, during which the choice stands.
-    int &passing(int &argc) const { return argc; }
-
-private:
-    const bool m_isOurs;
-};
-
-// The file's place depends on the user alone. Not on the environment, which differs between a desktop
-// session, a terminal and a remote login, and not on the home folder, which may be read-only.
-QByteArray LockPath()
-{
-    return "/tmp/.veltrano-brimlock-launcher-" + QByteArray::number(getuid()) + ".lock";
+    QByteArray offered;
+    offered += qEnvironmentVariableIsEmpty("DISPLAY") ? "" : "xcb;";
+    offered += qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ? "" : "wayland;";
+    return offered + last;
 }
 
-// Returns the descriptor that holds the lock, kHeldByAnother, or -1 when no lock can be made. Close-on-exec:
-// the client that the launcher starts must not keep the lock.
-int TakeLock()
+// A name that depends on the user alone. Not on the environment, which differs between a desktop session, a terminal
+// and a remote login. It is no file's: there is nothing that could be full, read-only or cleaned away, and it goes
+// with the process.
+socklen_t GuardAddress(int number, sockaddr_un &address)
 {
-    const QByteArray path = LockPath();
-    const int fd = open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-    if (fd < 0) {
-        return -1;
+    const QByteArray name = "veltrano-brimlock-launcher-" + QByteArray::number(getuid()) +
+                            (number == 0 ? QByteArray() : "-" + QByteArray::number(number));
+    address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path + 1, name.constData(), static_cast<size_t>(name.size())); // after a 0: abstract
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(name.size()));
+}
+
+int NewSocket()
+{
+    return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+enum class Holder { kUs, kSameUser, kStranger, kNobody };
+
+// Who listens under the name.
+Holder AskHolder(const sockaddr_un &address, socklen_t size)
+{
+    const int fd = NewSocket();
+    const bool isConnected = connect(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0;
+    Holder holder = isConnected || errno != ECONNREFUSED ? Holder::kStranger : Holder::kNobody;
+    ucred peer = {};
+    socklen_t peerSize = sizeof peer;
+    if (isConnected && getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &peerSize) == 0 && peer.uid == getuid()) {
+        holder = Holder::kSameUser;
     }
-    // A file that somebody else put there could be locked by them for ever.
-    struct stat info = {};
-    if (fstat(fd, &info) != 0 || info.st_uid != getuid() || !S_ISREG(info.st_mode)) {
-        close(fd);
-        return -1;
-    }
-    if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
-        return fd;
-    }
-    const int result = errno == EWOULDBLOCK ? kHeldByAnother : -1;
     close(fd);
-    return result;
+    return holder;
+}
+
+// Returns Holder::kUs with the socket that now holds the name.
+Holder TakeName(int number, int &fd)
+{
+    sockaddr_un address;
+    const socklen_t size = GuardAddress(number, address);
+    fd = NewSocket();
+    for (int tries = 0; fd >= 0 && tries < kListenTries; ++tries) {
+        if (bind(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0 && listen(fd, SOMAXCONN) == 0) {
+            return Holder::kUs;
+        }
+        const Holder holder = errno == EADDRINUSE ? AskHolder(address, size) : Holder::kStranger;
+        if (holder != Holder::kNobody) {
+            close(fd);
+            return holder;
+        }
+        usleep(kListenPauseMicroseconds); // it is about to listen, or has just ended
+    }
+    close(fd);
+    return Holder::kStranger;
 }
 } // namespace
 
-QtSingleApplication::QtSingleApplication(int &argc, char **argv, bool GUIenabled)
-    : QApplication(PlatformChoice(GUIenabled).passing(argc), argv), m_lock(TakeLock())
+PlatformChoice::PlatformChoice(bool wantsDisplay) : own(qgetenv(kPlatformVariable))
 {
+    qputenv(kPlatformVariable, Platforms(wantsDisplay, own));
+}
+
+void PlatformChoice::PutBack() const
+{
+    if (own.isNull()) {
+        qunsetenv(kPlatformVariable);
+    } else {
+        qputenv(kPlatformVariable, own);
+    }
+}
+
+QtSingleApplication::QtSingleApplication(int &argc, char **argv, bool GUIenabled)
+    : PlatformChoice(GUIenabled), QApplication(argc, argv)
+{
+    PutBack();
+    // Else each window sets up OpenGL, which is slow, and crashes when the display goes away meanwhile.
+    setAttribute(Qt::AA_ForceRasterWidgets);
+    TakeGuard();
 }
 
 QtSingleApplication::~QtSingleApplication()
 {
-    if (m_lock >= 0) {
-        close(m_lock);
-    }
+    DropGuard();
 }
 
 bool QtSingleApplication::isRunning()
 {
-    if (m_lock < 0) {
-        m_lock = TakeLock();
+    return guard.empty() && !TakeGuard();
+}
+
+// Takes every name that is free, in order, and passes over those that another user holds, who can keep nobody from
+// the rest. False: another process of this user holds one. Everybody goes the same way, so of two that come at once
+// one meets the other, and never both: the first name that they can have at all decides.
+bool QtSingleApplication::TakeGuard()
+{
+    for (int number = 0; number < kGuardNames; ++number) {
+        int fd = -1;
+        const Holder holder = TakeName(number, fd);
+        if (holder == Holder::kSameUser) {
+            DropGuard();
+            return false;
+        }
+        if (holder == Holder::kUs) {
+            guard.push_back(fd);
+        }
     }
-    return m_lock == kHeldByAnother;
+    return true;
+}
+
+void QtSingleApplication::DropGuard()
+{
+    for (const int fd : guard) {
+        close(fd);
+    }
+    guard.clear();
 }

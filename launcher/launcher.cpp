@@ -4,6 +4,7 @@
 #include <QGuiApplication>
 
 #include "launcher/notify/notify-adapter.h"
+#include "launcher/run-keeper.h"
 #include "launcher/strings/str-table.h"
 #include "log/log.h"
 #include "service/linux/linux-service.h"
@@ -45,8 +46,14 @@ void Worker::JoinThread()
     handlerThread->wait();
 }
 
+bool Worker::HasThread() const
+{
+    return handlerThread->isRunning();
+}
+
 void Worker::HandleServicce()
 {
+    RunKeeper::RunBegins();
     LOGGER_DEBUG(kComponent, "running\n");
     const bool mayUpgrade = service->OpenUserFolder();
     service->PreUpgrade();
@@ -66,6 +73,7 @@ void Worker::HandleServicce()
     service->RemoveAgedFolders();
     service->PostUpgrade();
     LOGGER_DEBUG(kComponent, "done\n");
+    RunKeeper::RunEnds();
     emit sigServiceDone();
 }
 
@@ -99,6 +107,11 @@ Launcher::~Launcher()
 void Launcher::Run()
 {
     worker->StartThread();
+    if (!worker->HasThread()) {
+        // No thread could be made. What is sent to it is never delivered; the event loop makes the run instead.
+        connect(
+            this, &Launcher::sigStart, this, [this] { worker->HandleServicce(); }, Qt::QueuedConnection);
+    }
 }
 
 void Launcher::Start()
@@ -106,17 +119,12 @@ void Launcher::Start()
     emit sigStart();
 }
 
-void Launcher::FinishRun()
-{
-    worker->QuitThread();
-    worker->JoinThread();
-}
-
 void Launcher::LaunchDone()
 {
     dialog->setValue(kPercent);
     dialog->hide();
-    FinishRun();
+    worker->QuitThread();
+    worker->JoinThread();
     QCoreApplication::quit();
 }
 

@@ -34,6 +34,9 @@ public:
     void QuitThread();
     void JoinThread();
 
+    // Whether the thread runs.
+    bool HasThread() const;
+
 signals:
     void sigServiceDone();
     void sigShowMsg();
@@ -60,12 +63,9 @@ public:
     explicit Launcher(std::unique_ptr<Service> upgradeService);
     ~Launcher() override;
 
-    // Starts the thread. Start() then starts the run.
+    // Starts the thread. Start() then starts the run: on the thread or, where none can be made, in the event loop.
     void Run();
     void Start();
-
-    // Waits until a run that has begun is over. Needs no event loop.
-    void FinishRun();
 
 signals:
     void sigStart();

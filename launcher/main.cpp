@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QTextCodec>
+#include <pwd.h>
 #include <unistd.h>
 
 #include "fct-qt/path-keys.h"
@@ -12,6 +13,7 @@
 #include "fct-qt/ui-path-manager.h"
 #include "launcher/language.h"
 #include "launcher/launcher.h"
+#include "launcher/run-keeper.h"
 #include "launcher/strings/str-table.h"
 #include "log/log.h"
 #include "service/cloud-service.h"
@@ -85,28 +87,31 @@ void initialize_logger()
     }
 }
 
-// The launcher whose run is not over.
-Launcher *running = nullptr;
-
-// Qt calls exit(1) when the display goes away. The run goes on to its end even then, to the exit status of
-// every run.
-void FinishRun()
+// Without a HOME everything would be looked for under "/". The client gets it too.
+void initialize_home()
 {
-    if (running != nullptr) {
-        running->FinishRun();
-        _exit(0);
+    const passwd *account = qEnvironmentVariableIsEmpty("HOME") ? getpwuid(getuid()) : nullptr;
+    if (account != nullptr) {
+        setenv("HOME", account->pw_dir, 1);
     }
 }
 } // namespace
 
 int main(int argc, char **argv)
 {
-    QtSingleApplication app(argc, argv, true);
+    thread_local RunKeeper keeper;
+    initialize_home();
+    argc = qMin(argc, 1); // the launcher takes no arguments, and Qt's own are not for it either
+    QtSingleApplication app(argc, argv, keeper.MayUseDisplay());
     initialize_resources();
     initializeDrivePaths();
     initialize_logger();
+    if (!keeper.MayUseDisplay()) {
+        LOGGER_WARNING(kComponent, "the display failed or did not answer, no window is shown\n");
+    }
     if (app.isRunning()) {
         LOGGER_DEBUG(kComponent, "app has already launched, return\n");
+        RunKeeper::RunEnds();
         return 0;
     }
     initializeLanguage(app);
@@ -114,9 +119,9 @@ int main(int argc, char **argv)
     Launcher launcher;
     launcher.Run();
     launcher.Start();
-    running = &launcher;
-    atexit(FinishRun);
-    const int status = QApplication::exec();
-    running = nullptr;
+    int status = 0;
+    do {
+        status = QApplication::exec();
+    } while (!RunKeeper::IsRunOver()); // a session manager, too, may end the loop
     return status;
 }

@@ -1,54 +1,152 @@
-// The whole program, started as a user starts it: from a staged install, without root's powers.
+// The whole program, started as a user starts it: as it is installed, without root's powers.
 
+#include <cstddef>
+#include <deque>
+#include <memory>
+
+#include <poll.h>
+#include <sched.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include "service/linux/start-script.h"
 #include "tests/support.h"
 
 namespace
 {
-class LaunchTest : public ScratchTest
-{
-protected:
-    LaunchTest() { Given("0"); }
+const std::string kGate = "opt/package/larkspire/gate"; // a file that the copying waits for
+const std::string kLog = "home/.Brimlock/log/launcher.log";
+bool hasOwnNetwork = false;
 
-    // An installed client and a shipped one that is newer; "old" and "new" is what they say when their start script
-    // ends, after this many seconds.
-    void Given(const std::string &seconds)
+// The guard's names are those of the network. With one of its own nobody else's launcher is met.
+bool EnterOwnNetwork()
+{
+    const std::string user = std::to_string(getuid());
+    if (unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) != 0) {
+        return false;
+    }
+    std::ofstream("/proc/self/uid_map") << user << " " << user << " 1";
+    return true;
+}
+
+// Passes on what one client tells the display, up to this many bytes. Then it hangs up, or nothing happens any more.
+// Returns its own display's name.
+std::string DisplayUntil(long bytes, bool hangs, pid_t &proxy)
+{
+    static int number = getpid() * 100;
+    const auto opened = [](const std::string &display, auto &&use) {
+        sockaddr_un address = {AF_UNIX, ""};
+        snprintf(address.sun_path, sizeof address.sun_path, "/tmp/.X11-unix/X%s", display.c_str() + 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(use(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << address.sun_path;
+        chmod(address.sun_path, 0777);
+        return fd;
+    };
+    const std::string name = ":" + std::to_string(++number);
+    const int listener = opened(name, bind);
+    listen(listener, 1);
+    proxy = Spawn([=]() mutable {
+        pollfd ends[] = {{accept(listener, nullptr, nullptr), POLLIN, 0},
+                         {opened(getenv("DISPLAY"), connect), POLLIN, 0}};
+        while (bytes > 0 && poll(ends, 2, -1) > 0) {
+            for (const int from : {0, 1}) {
+                char data[4096];
+                const size_t most = from == 0 ? std::min<size_t>(sizeof data, static_cast<size_t>(bytes)) : sizeof data;
+                const ssize_t size = ends[from].revents != 0 ? read(ends[from].fd, data, most) : 0;
+                if (size < 0 || (ends[from].revents != 0 && size == 0) ||
+                    write(ends[1 - from].fd, data, size) != size) {
+                    return 0;
+                }
+                bytes -= from == 0 ? size : 0;
+            }
+        }
+        return hangs ? pause() : 0;
+    });
+    close(listener);
+    return name;
+}
+
+// A user's copy and a newer shipped client, and one start of the launcher. Several can be at work at a time.
+class Stage : public ScratchTest
+{
+public:
+    using ScratchTest::Log;
+    using ScratchTest::Path;
+    using ScratchTest::Shell;
+
+    // "old" and "new" is what the clients say when they are started.
+    Stage()
     {
-        Shell("rm -rf home opt disk started; mkdir -p opt/bin opt/log home; cp '" BRIMLOCK_LAUNCHER "' opt/bin");
+        Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; mkdir -p home");
         for (const auto &[folder, build, name] : {std::tuple(app, "1000", "old"), {package, "1001", "new"}}) {
-            const std::string sign =
-                std::string("\necho ") + name + " $1$QT_QPA_PLATFORM >>'" + Path("started") + "'\n";
+            const std::string sign = "\necho " + std::string(name) +
+                                     " $1${QT_QPA_PLATFORM+ platform=$QT_QPA_PLATFORM} >>'" + Path("started") + "'\n";
             WriteFile(folder + "/INFO", std::string("[Version]\nbuild_version=") + build + "\n");
             WriteFile(folder + "/bin/brimlock-ui", name, 0755);
-            WriteFile(folder + "/package/start-stop", "#!/bin/sh\nsleep " + seconds + sign, 0755);
+            WriteFile(folder + "/package/start-stop", "#!/bin/sh" + sign, 0755);
         }
         Shell(
             "cp opt/package/larkspire/INFO opt; printf 'launcher_debug=7\nservice_debug=7\n' >opt/log/launcher.debug");
     }
 
-    pid_t Start(rlim_t fileBytes = RLIM_INFINITY)
+    ~Stage() override
+    {
+        if (proxy != 0) {
+            kill(proxy, SIGKILL);
+            Wait(proxy);
+        }
+    }
+
+    void TestBody() override {}
+
+    // Runs the command, in which $L is the launcher, as the user. What is `atTheGate` happens in the middle of the
+    // upgrade; $PID is the launcher there. Not `here` means in another network.
+    void Start(const std::string &command = "exec $L", const std::string &atTheGate = "", bool here = true)
     {
         // As far as what is in there stands still: a launcher may be at work.
         Shell("test $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk) || true");
-        return Spawn([this, fileBytes]() -> int {
+        launcher = Spawn([&]() -> int {
             const rlimit limit = {fileBytes, fileBytes};
             setenv("HOME", Path("home").c_str(), 1);
             setenv("DISPLAY", display.c_str(), 1);
-            signal(SIGXFSZ, SIG_IGN);
+            here || EnterOwnNetwork();
             BecomeUnprivileged();
-            return freopen(Path("stderr").c_str(), "w", stderr) == nullptr || setrlimit(RLIMIT_FSIZE, &limit) != 0 ||
-                   execl(Path("opt/bin/launcher").c_str(), "launcher", nullptr);
+            return chdir(scratch.c_str()) != 0 || freopen("home/stderr", "w", stderr) == nullptr ||
+                   setrlimit(RLIMIT_FSIZE, &limit) != 0 ||
+                   execl("/bin/sh", "sh", "-c", ("L=opt/bin/launcher; " + command).c_str(), nullptr);
         });
+        if (!atTheGate.empty()) {
+            Shell("mkfifo -m 666 " + kGate);
+            gate = Spawn([&]() -> int {
+                BecomeUnprivileged();
+                const std::string whole = "exec 3>" + kGate + "; PID=" + std::to_string(launcher) + "; " + atTheGate;
+                return chdir(scratch.c_str()) != 0 ||
+                       execlp("timeout", "timeout", "30", "sh", "-c", whole.c_str(), nullptr);
+            });
+        }
     }
 
-    int LauncherLogged(const std::string &text) const
+    // Waits for the end of what was started.
+    void End(const std::string &started, const std::string &logged = "")
     {
-        return CountOf(ReadFile(Path("home/.Brimlock/log/launcher.log")) + ReadFile(Path("stderr")), text);
+        EXPECT_TRUE(gate == 0 || Wait(gate) == 0) << "it came to the gate";
+        EXPECT_EQ(Wait(launcher), 0);
+        EXPECT_EQ(Started(), started.empty() ? "" : started + "\n");
+        EXPECT_TRUE(logged.empty() || Logged(logged) == 1) << logged;
+    }
+
+    int Logged(const std::string &text) const
+    {
+        return CountOf(ReadFile(Path("home/.Brimlock/log/launcher.log")) + ReadFile(Path("home/stderr")), text);
     }
     std::string Started() const { return ReadFile(Path("started")); }
 
     std::string display; // that launchers are told of
+    rlim_t fileBytes = RLIM_INFINITY;
+    pid_t launcher = 0;
+    pid_t gate = 0;
+    pid_t proxy = 0;
     const std::string app = Path("home/.Brimlock/Brimlock.app");
     const std::string package = Path("opt/package/larkspire");
 };
@@ -63,24 +161,71 @@ std::string AskWindow(const std::string &command)
 }
 } // namespace
 
-TEST_F(LaunchTest, InstallsLeavesAloneAndUpgrades)
+TEST(LaunchTest, WholeRunsReadAsTheyAlwaysDid)
 {
-    Shell("rm -r home/.Brimlock; mkdir -p home/.Larkspire/app/x");
-    for (const std::string build : {"1001", "1001", "1002", "1001"}) {
-        Shell("for f in opt/INFO opt/package/larkspire/INFO; do sed -i s/100./" + build + "/ $f; done");
-        EXPECT_EQ(Wait(Start()), 0);
+    Stage stage;
+    stage.Shell("rm -r home/.Brimlock; mkdir -p home/.Larkspire/app/x");
+    const char *const runs[][2] = {
+        {"first install", "true"},
+        {"nothing to do", "true"},
+        {"upgrade", "sed -i s/1001/1002/ opt/INFO opt/package/larkspire/INFO"},
+        {"nothing to do: a downgrade", "sed -i s/1002/1001/ opt/INFO"},
+        {"failed upgrade", "sed -i s/1001/1003/ opt/INFO; ln -s nothing opt/package/larkspire/link"}};
+    std::string started;
+    for (const auto &[run, change] : runs) {
+        stage.Shell(std::string(change) + "; mkdir -p home/.Brimlock/log; echo '== " + run + "' >>" + kLog);
+        stage.Start();
+        started += started.empty() ? "new start" : "\nnew start";
+        stage.End(started);
     }
-    EXPECT_EQ(Started(), "new start\nnew start\nnew start\nnew start\n");
-    EXPECT_EQ(ReadFile(app + "/INFO"), "[Version]\nbuild_version=1002\n");
-    EXPECT_EQ(LauncherLogged("no need to upgrade\n"), 2);
-    EXPECT_FALSE(fs::exists(Path("home/.Larkspire/app")));
-    // What marks a start shows a path's first character.
-    EXPECT_EQ(LauncherLogged(">>> user_larkspire_path = /\n"), 4);
-    EXPECT_EQ(LauncherLogged(">>> user_larkspire_app_path = \n"), 4);
-    EXPECT_EQ(LauncherLogged(">>> "), 28);
+    EXPECT_FALSE(fs::exists(stage.Path("home/.Larkspire/app")));
+    // Without what no two runs share, and without the copied folders, whose order is the disk's.
+    stage.Shell("sed -E 's/^[0-9T:-]+ \\( *[0-9]+: *[0-9]+\\) //; s/\\([0-9]+\\): /: /; s|'\"$PWD\"'||g; "
+                "/copy from .*larkspire.[a-z]/d' " +
+                kLog + " >plain");
+    EXPECT_EQ(ReadFile(stage.Path("plain")), ReadFile(BRIMLOCK_TESTS "/launch-log.txt"));
 }
 
-TEST_F(LaunchTest, BadInputCostsNobodyTheClient)
+TEST(LaunchTest, NothingAroundAStartCostsTheClient)
+{
+    const std::string noWindow = "no window is shown\n";
+    const struct {
+        std::string prepare, start, atTheGate, started, logged;
+    } cases[] = {
+#include "tests/start-cases.inc"
+    };
+    setenv("QT_X11_NO_MITSHM", "1", 1); // its descriptors do not pass the proxy
+    std::deque<Stage> hanging;
+    for (const long bytes : {0, 3000, 8000, 9500}) { // about 9700 are said until the window is there
+        Stage &stage = hanging.emplace_back();
+        stage.display = DisplayUntil(bytes, true, stage.proxy);
+        stage.Start("exec $L", "", !hasOwnNetwork);
+        hasOwnNetwork ? (void)0 : stage.End("new start");
+    }
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.prepare + " | " + c.start + " | " + c.atTheGate);
+        Stage stage;
+        stage.Shell("SCRIPT=opt/package/larkspire/package/start-stop INFO=opt/INFO LOGS=home/.Brimlock/log\n" +
+                    c.prepare + "\n:");
+        stage.Start(c.start, c.atTheGate);
+        stage.End(c.started, c.logged);
+    }
+    for (long bytes = 0; bytes < 11000; bytes += 900) {
+        SCOPED_TRACE("the display dies after " + std::to_string(bytes) + " bytes");
+        Stage stage;
+        stage.display = DisplayUntil(bytes, false, stage.proxy);
+        stage.Start();
+        stage.End("new start");
+    }
+    for (Stage &stage : hanging) {
+        if (hasOwnNetwork) {
+            stage.End("new start");
+        }
+    }
+    unsetenv("QT_X11_NO_MITSHM");
+}
+
+TEST(LaunchTest, BadInputCostsNobodyTheClient)
 {
     const std::string rollback = "Failed to extract package, rollback to old installation\n";
     const std::string noPid = "Failed to read pid file '";
@@ -91,86 +236,79 @@ TEST_F(LaunchTest, BadInputCostsNobodyTheClient)
     };
     const std::string names = "INFO=opt/INFO BASE=home/.Brimlock APP=$BASE/Brimlock.app PID=$BASE/ui.pid "
                               "LEVELS=opt/log/launcher.debug PACKAGE=opt/package/larkspire; ";
-    display = ":987"; // which is not there
     for (const auto &[spoil, client, message] : cases) {
-        Shell("chmod -R u+w home");
-        Given("0");
-        const auto old = Tree(app);
-        Shell(names + spoil);
-        EXPECT_EQ(Wait(Start(64 << 10)), 0) << spoil;
-        EXPECT_EQ(Started(), std::string(client) + " start\n") << spoil;
-        EXPECT_EQ(Tree(app), client == std::string("old") ? old : Tree(package)) << spoil;
-        EXPECT_TRUE(message.empty() || LauncherLogged(message) == 1) << spoil;
+        SCOPED_TRACE(spoil);
+        Stage stage;
+        stage.display = ":987"; // which is not there
+        stage.fileBytes = 64 << 10;
+        const auto old = Tree(stage.app);
+        stage.Shell(names + spoil);
+        stage.Start();
+        stage.End(std::string(client) + " start", message);
+        EXPECT_EQ(Tree(stage.app), client == std::string("old") ? old : Tree(stage.package));
     }
 }
 
-TEST_F(LaunchTest, OneLauncherOfAUserRunsAtATime)
+TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 {
-    Given("1");
-    std::vector<pid_t> launchers;
-    for (const char *variable : {"A", "XDG_RUNTIME_DIR", "TMPDIR", "XDG_DATA_HOME", "USER", "LOGNAME"}) {
-        setenv(variable, "/nonexistent", 1);
-        launchers.push_back(Start());
-        unsetenv(variable);
-    }
-    for (const pid_t launcher : launchers) {
-        EXPECT_EQ(Wait(launcher), 0);
-    }
-    EXPECT_EQ(Started(), "new start\n");
-    EXPECT_EQ(LauncherLogged("app has already launched, return\n"), 5);
+    // A stranger has some of the names, and listens under one. Only root can play the stranger.
     const uid_t user = getuid() == 0 ? kNobody : getuid();
-    EXPECT_EQ(ModeOf("/tmp/.veltrano-brimlock-launcher-" + std::to_string(user) + ".lock"), 0600u) << "for nobody else";
-
-    const pid_t killed = Start();
-    while (LauncherLogged("removing aged app folder") < 2) {
-        usleep(1000);
+    std::vector<int> strangers;
+    for (const char *name : {"", "-1"}) {
+        sockaddr_un address = {AF_UNIX, ""};
+        const int size = snprintf(address.sun_path + 1, 100, "veltrano-brimlock-launcher-%u%s", user, name);
+        strangers.push_back(socket(AF_UNIX, SOCK_STREAM, 0));
+        if (getuid() == 0) {
+            ASSERT_EQ(bind(strangers.back(), reinterpret_cast<const sockaddr *>(&address),
+                           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(size))),
+                      0);
+        }
     }
-    usleep(200000); // its start script runs on
-    kill(killed, SIGKILL);
-    Wait(killed);
-    EXPECT_EQ(Wait(Start()), 0);
-    EXPECT_EQ(Started(), "new start\nnew start\nnew start\n") << "neither the killed one nor its script holds the lock";
+    listen(strangers[0], 1);
+
+    Stage stage;
+    stage.Start("for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do env $v=/x $L & done; wait",
+                "until [ $(grep -c 'app has already launched, return' " + kLog + ") = 5 ]; do sleep 0.01; done");
+    stage.End("new start");
+
+    Stage killed;
+    killed.Start("exec $L", "kill -KILL $PID");
+    EXPECT_EQ(Wait(killed.launcher), 128 + SIGKILL);
+    killed.Shell("rm " + kGate);
+    killed.Start();
+    killed.End("new start");
 }
 
-TEST_F(LaunchTest, NothingThatHappensToTheWindowEndsTheRun)
+TEST(LaunchTest, NothingThatHappensToTheWindowEndsTheRun)
 {
-    display = getenv("DISPLAY");
     for (const auto &[dpi, geometry] : {std::pair("96", "Geometry: 400x"), {"144", "Geometry: 600x"}}) {
-        Given("4");
+        Stage stage;
+        stage.display = getenv("DISPLAY");
         setenv("QT_FONT_DPI", dpi, 1);
-        const pid_t launcher = Start();
+        stage.Start("exec $L", "while [ ! -e go ]; do sleep 0.01; done");
         EXPECT_NE(AskWindow("getwindowgeometry").find(geometry), std::string::npos);
         AskWindow("key --window %1 Escape sleep 0.3");
         EXPECT_NE(AskWindow(""), "") << "it is still there";
         AskWindow("windowkill");
-        EXPECT_EQ(Started(), "");
-        EXPECT_EQ(Wait(launcher), 0);
-        EXPECT_EQ(Started(), "new start\n") << "also when the display has cut the connection";
+        EXPECT_EQ(stage.Started(), "");
+        stage.Shell(": >go");
+        stage.End("new start"); // also when the display has cut the connection
     }
 }
 
-TEST_F(LaunchTest, KilledAtAnyMomentItLeavesACompleteCopy)
+TEST(LaunchTest, WarnsOfAStartScriptThatDoesNotReturn)
 {
-    int cutShort = 0;
-    for (useconds_t attempt = 0; attempt < 12; ++attempt) {
-        Given("0");
-        Shell("cd opt/package/larkspire; for i in 1 2 3 4 5 6 7 8; do cp -r bin d$i; head -c 500000 /dev/zero >d$i/f; "
-              "done");
-        const auto oldCopy = Tree(app);
-        const auto newCopy = Tree(package);
-        const pid_t launcher = Start();
-        while (!fs::exists(app + "_tmp") && !fs::exists(Path("started"))) {
-        }
-        usleep(attempt * 500); // into the upgrade, a little further each time
-        kill(launcher, SIGKILL);
-        Wait(launcher);
-        const auto isComplete = [&](const std::string &copy) {
-            return fs::exists(copy) && (Tree(copy) == oldCopy || Tree(copy) == newCopy);
-        };
-        EXPECT_TRUE(isComplete(app) || isComplete(app + "_tmp")) << attempt;
-        cutShort += isComplete(app) ? 0 : 1;
-        EXPECT_EQ(Wait(Start()), 0);
-        EXPECT_EQ(Tree(app), newCopy) << "the next start mends it";
-    }
-    EXPECT_GT(cutShort, 0) << "no attempt hit the copying";
+    Stage stage;
+    WriteFile(stage.Path("slow"), "#!/bin/sh\nsleep 0.2\necho $1 >'" + stage.Path("started") + "'", 0755);
+    RunStartScript(stage.Path("slow"), 100);
+    EXPECT_EQ(stage.Started(), "start\n") << "it is waited for";
+    EXPECT_EQ(CountOf(stage.Log(), "has not returned for"), 1);
+}
+
+int main(int argc, char **argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    unsetenv("QT_QPA_PLATFORM");
+    hasOwnNetwork = EnterOwnNetwork();
+    return RUN_ALL_TESTS();
 }

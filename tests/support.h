@@ -12,7 +12,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +23,7 @@
 namespace fs = std::filesystem;
 
 constexpr uid_t kNobody = 65534;
+constexpr int kWaitMilliseconds = 60000;
 
 inline std::string ReadFile(const fs::path &path)
 {
@@ -73,9 +76,15 @@ inline pid_t Spawn(const std::function<int()> &body)
     return child;
 }
 
-// The exit status of a child process; a signal counts as 128 and its number.
+// The exit status of a child process; a signal counts as 128 and its number. One that does not end is killed.
 inline int Wait(pid_t child)
 {
+    pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+    if (ended.fd >= 0 && poll(&ended, 1, kWaitMilliseconds) == 0) {
+        ADD_FAILURE() << "process " << child << " does not end";
+        kill(child, SIGKILL);
+    }
+    close(ended.fd);
     int status = 0;
     waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

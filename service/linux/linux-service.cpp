@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include <QDir>
-#include <QProcess>
 #include <unistd.h>
 
 #include "fct-qt/path-keys.h"
@@ -14,6 +13,7 @@
 #include "log/log.h"
 #include "service/config/config.h"
 #include "service/linux/client-process.h"
+#include "service/linux/start-script.h"
 
 namespace
 {
@@ -132,8 +132,7 @@ void LinuxService::LoadTargetVerInfo()
 
 int LinuxService::LaunchPerUserBin()
 {
-    // Program and argument apart: the home folder's path may hold blanks.
-    QProcess::execute(QString::fromStdString(app_path + "/package/start-stop"), {QStringLiteral("start")});
+    RunStartScript(app_path + "/package/start-stop");
     return 0;
 }
 
