@@ -118,9 +118,7 @@ int Extractor::Extract()
     LOGGER_DEBUG(kComponent, "decompress from '%s' to '%s'\n", source.c_str(), target.c_str());
 
     // Said before the archive is touched: the label shows also when extraction fails at once.
-    Notify_Adapter::GetInstance()->UpdateDialogText(
-        StrTable::LoadStr(StrTable::CLIENT_INITIALIZING)
-            .arg(StrTable::LoadStr(StrTable::CLIENT_NAME), 0, QLatin1Char(' ')));
+    Notify_Adapter::GetInstance()->UpdateDialogText(StrTable::WithClientName(StrTable::CLIENT_INITIALIZING));
 
     if (IsFifo(source)) { // what has been counted would be gone, and its writer may never come
         LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", source.c_str(), "a FIFO cannot be read twice");

@@ -11,7 +11,7 @@
 
 namespace
 {
-constexpr char kComponent[] = "launcher_debug";
+const std::string kComponent = "launcher_debug";
 constexpr int kPercent = 100;
 } // namespace
 
@@ -63,8 +63,7 @@ void Worker::HandleServicce()
         emit sigShowMsg();
         if (service->HandlePackageUpgrade() == 0) {
             emit sigUpdateProgress(kPercent, kPercent);
-            emit sigSetLabelText(StrTable::LoadStr(StrTable::CLIENT_READY)
-                                     .arg(StrTable::LoadStr(StrTable::CLIENT_NAME), 0, QLatin1Char(' ')));
+            emit sigSetLabelText(StrTable::WithClientName(StrTable::CLIENT_READY));
         } else {
             LOGGER_ERROR(kComponent, "Failed to upgrade package\n");
         }

@@ -17,11 +17,10 @@
 #include "launcher/strings/str-table.h"
 #include "log/log.h"
 #include "service/cloud-service.h"
-#include "service/config/config.h"
 
 namespace
 {
-constexpr char kComponent[] = "launcher_debug";
+const std::string kComponent = "launcher_debug";
 constexpr int kLogGenerations = 50;
 
 QString RegisteredPath(const char *key)
@@ -82,7 +81,7 @@ void initialize_logger()
     Logger::Initialize(Logger::TYPE_FILE, folder.toStdString() + "/launcher.log", levelFile, kLogGenerations,
                        Logger::SCOPE_THREAD);
     LogStartMarker();
-    if (access(levelFile.c_str(), F_OK) == 0 && Config().read(levelFile) != 0) {
+    if (Logger::LevelsUnreadable()) {
         LOGGER_WARNING(kComponent, "no log levels read from '%s': unreadable or a malformed line\n", levelFile.c_str());
     }
 }

@@ -23,7 +23,7 @@
 
 namespace
 {
-constexpr char kComponent[] = "service_debug";
+const std::string kComponent = "service_debug";
 constexpr char kVersionFile[] = "/INFO";
 constexpr int kBackupAttempts = 10;
 constexpr std::chrono::seconds kTurnPatience(60);

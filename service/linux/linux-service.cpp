@@ -17,7 +17,7 @@
 
 namespace
 {
-constexpr char kComponent[] = "service_debug";
+const std::string kComponent = "service_debug";
 constexpr int kTimeoutMilliseconds = 10000;
 constexpr int kStopProbes = 5;
 constexpr unsigned int kProbeIntervalSeconds = 1;

@@ -14,7 +14,7 @@
 
 namespace
 {
-constexpr char kComponent[] = "service_debug";
+const std::string kComponent = "service_debug";
 constexpr int kMillisecondsPerSecond = 1000;
 
 // Like posix_spawn(). Program and argument are apart: the home folder's path may hold blanks.
