@@ -5,15 +5,10 @@
 #include "fuzz/scratch.h"
 #include "service/config/config.h"
 
-namespace
+static bool IsPrintable(unsigned char byte)
 {
-// A line from which Config reads the pair. No value needs both quotes and a blank.
-std::string Line(const std::string &key, const std::string &value)
-{
-    const char *quote = value.find('"') == std::string::npos ? "\"" : value.find('\'') == std::string::npos ? "'" : "";
-    return key + " = " + quote + value + quote + " # note\n";
+    return byte >= 0x20 && byte != 0x7F;
 }
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
@@ -29,11 +24,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     Require(config.entries.count("earlier") == 1);
     for (const auto &[key, value] : config.entries) {
         Require(std::all_of(key.begin(), key.end(), is_key_char));
-        Require(std::all_of(value.begin(), value.end(), is_value_char));
-        std::string line = Line(key, value);
+        Require(std::all_of(value.begin(), value.end(), IsPrintable));
+        // No value needs both quotes and a blank.
+        const auto has = [&value = value](char byte) { return value.find(byte) != std::string::npos; };
+        const std::string quote = !has('"') ? "\"" : !has('\'') ? "'" : "";
+        std::string line = key + " = " + quote + value + quote + " # note\n";
+        std::string unclosed = key + " = " + quote + value + "\n";
         std::string readKey;
         std::string readValue;
         Require(config.parse(line.data(), readKey, readValue) == 0 && readKey == key && readValue == value);
+        Require(quote.empty() || config.parse(unclosed.data(), readKey, readValue) == 2);
     }
     return 0;
 }
