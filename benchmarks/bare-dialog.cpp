@@ -23,9 +23,11 @@ int main(int argc, char **argv)
     dialog.setCancelButton(nullptr);
     dialog.setFixedWidth(400);
     dialog.setStyleSheet(QStringLiteral("QProgressDialog { background-color: WhiteSmoke; vertical-align: middle; }"));
-    QTimer::singleShot(0, [&] {
+    QTimer started;
+    QObject::connect(&started, &QTimer::timeout, [&] {
         QProcess::execute(arguments.at(1), {QStringLiteral("start")});
         QCoreApplication::quit();
     });
+    started.start();
     return QApplication::exec();
 }

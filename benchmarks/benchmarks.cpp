@@ -45,7 +45,7 @@ void Require(bool holds, const std::string &what)
 
 double Median(std::vector<double> values)
 {
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    std::sort(values.begin(), values.end());
     return values[values.size() / 2];
 }
 
@@ -94,6 +94,7 @@ void Measure(Pair &pair, int round, const std::function<void()> &ours, const std
 long Run(const std::vector<std::string> &command)
 {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &argument : command) {
         arguments.push_back(const_cast<char *>(argument.c_str()));
     }

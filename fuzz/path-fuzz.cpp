@@ -1,6 +1,8 @@
 // The path helpers: a path is its parent and its name, and lies below its parent. The input is two paths, each ended by
 // its NUL.
 
+#include <algorithm>
+
 #include "fileop/file-op.h"
 #include "fuzz/scratch.h"
 
@@ -8,8 +10,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     Scratch();
     const std::string input(reinterpret_cast<const char *>(bytes), size);
-    const std::string path = input.c_str();
-    const std::string other = path.size() < size ? input.c_str() + path.size() + 1 : "";
+    const std::string path = input.substr(0, input.find('\0'));
+    const std::string rest = input.substr(std::min(path.size() + 1, size));
+    const std::string other = rest.substr(0, rest.find('\0'));
 
     const std::string parent = FSParentPath(path);
     const std::string name = FSBaseName(path);
