@@ -1,0 +1,336 @@
+// benchmarks PREFIX HOME DISK: what the launcher and its parts cost beside a well-known program that does the same
+// work, as the rows of a table of ratios. PREFIX is an install of the launcher without the client, HOME an empty
+// folder; both lie in memory. DISK is an empty folder on a disk. What was measured goes to standard error.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#define SPDLOG_ACTIVE_LEVEL SPDLOG_LEVEL_DEBUG
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "fct-qt/path-keys.h"
+#include "fct-qt/ui-path-manager.h"
+#include "fileop/file-op.h"
+#include "launcher/strings/str-table.h"
+#include "log/log.h"
+#include "service/linux/linux-service.h"
+
+namespace
+{
+namespace fs = std::filesystem;
+
+constexpr char kComponent[] = "service_debug";
+constexpr int kFilesPerFolder = 250;
+
+void Require(bool holds, const std::string &what)
+{
+    if (!holds) {
+        fprintf(stderr, "benchmarks: %s\n", what.c_str());
+        exit(1);
+    }
+}
+
+double Median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+// What one round of each side has cost, in seconds or KiB.
+struct Pair {
+    std::vector<double> ours;
+    std::vector<double> theirs;
+
+    double Ratio() const
+    {
+        std::vector<double> ratios;
+        for (size_t i = 0; i < ours.size(); ++i) {
+            ratios.push_back(ours[i] / theirs[i]);
+        }
+        return Median(ratios);
+    }
+
+    void Print(const char *work, const char *against, const char *toReach) const
+    {
+        printf("| %s | %s | %.2f | %s |\n", work, against, Ratio(), toReach);
+        fflush(stdout);
+        fprintf(stderr, "%s: median %.6g, against %.6g, of %zu\n", work, Median(ours), Median(theirs), ours.size());
+    }
+};
+
+double Seconds(const std::function<void()> &work)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+// Both sides in turn, each first in every other round.
+void Measure(Pair &pair, int round, const std::function<void()> &ours, const std::function<void()> &theirs)
+{
+    if (round % 2 != 0) {
+        pair.theirs.push_back(Seconds(theirs));
+    }
+    pair.ours.push_back(Seconds(ours));
+    if (round % 2 == 0) {
+        pair.theirs.push_back(Seconds(theirs));
+    }
+}
+
+// Returns the most memory that the program ever had, in KiB.
+long Run(const std::vector<std::string> &command)
+{
+    std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
+    for (const std::string &argument : command) {
+        arguments.push_back(const_cast<char *>(argument.c_str()));
+    }
+    arguments.push_back(nullptr);
+    pid_t child = 0;
+    int status = -1;
+    rusage usage = {};
+    Require(posix_spawnp(&child, arguments[0], nullptr, nullptr, arguments.data(), environ) == 0 &&
+                wait4(child, &status, 0, &usage) == child && status == 0,
+            command[0] + " failed");
+    return usage.ru_maxrss;
+}
+
+// Files cut from a real program, because they have to compress like one.
+void MakeTree(const fs::path &folder, int files, size_t size)
+{
+    std::ifstream self("/proc/self/exe");
+    const std::string program{std::istreambuf_iterator<char>(self), {}};
+    const size_t cuts = program.size() / size;
+    for (int i = 0; i < files; ++i) {
+        const fs::path parent = folder / std::to_string(i / kFilesPerFolder);
+        fs::create_directories(parent);
+        std::ofstream(parent / std::to_string(i)).write(&program[i % cuts * size], static_cast<std::streamsize>(size));
+    }
+}
+
+void WriteFile(const fs::path &path, const std::string &text)
+{
+    fs::create_directories(path.parent_path());
+    std::ofstream(path) << text;
+    fs::permissions(path, fs::perms(0755));
+}
+
+// A client, but for its payload.
+void MakeClient(const fs::path &folder, const std::string &build)
+{
+    WriteFile(folder / "INFO", "[Version]\nbuild_version=" + build + "\n");
+    WriteFile(folder / "bin/brimlock-ui", "");
+    WriteFile(folder / "package/start-stop", "#!/bin/sh\necho started >>\"$HOME/started\"\n");
+}
+
+void Copy(const fs::path &from, const fs::path &to)
+{
+    Require(LinuxService().FSCopyPath(from, to) == 0, "the copy failed");
+}
+
+// Whole runs of the launcher. Before each upgrade the user has an old client without a payload: removal has a row of
+// its own.
+void MeasureLauncher(const fs::path &prefix, const fs::path &home)
+{
+    const std::string launcher = prefix / "bin/launcher";
+    const fs::path app = home / ".Brimlock/Brimlock.app";
+    const fs::path shipped = prefix / "package/larkspire";
+    const fs::path small = prefix / "package/small";
+    const fs::path large = prefix / "package/large";
+    MakeTree(small / "payload", 100, 100'000);
+    MakeTree(large / "payload", 3000, 100'000);
+    MakeClient(small, "2");
+    MakeClient(large, "2");
+    WriteFile(prefix / "INFO", "[Version]\nbuild_version=2\n");
+
+    const auto resetHome = [&] {
+        fs::remove_all(app);
+        MakeClient(app, "1");
+    };
+    const auto upgrade = [&](const fs::path &package) {
+        fs::rename(package, shipped);
+        const long kib = Run({launcher});
+        fs::rename(shipped, package);
+        Require(fs::exists(app / "payload") && !fs::exists(app.string() + "_tmp"), "no upgrade");
+        return static_cast<double>(kib);
+    };
+
+    resetHome();
+    upgrade(small);
+    fs::remove(home / "started");
+    Pair starts;
+    for (int round = 0; round < 101; ++round) {
+        Measure(
+            starts, round, [&] { Run({launcher}); },
+            [&] {
+                Run({BARE_DIALOG, app / "package/start-stop", prefix / "images/ico_72_larkspire.png"});
+            });
+    }
+    // Another launcher of this user would have made every start a short one.
+    Require(fs::file_size(home / "started") == 2 * starts.ours.size() * sizeof "started", "a start script did not run");
+    starts.Print("start with nothing to do", "a bare Qt program with the same dialog", "≤ 1.10");
+
+    Pair upgrades;
+    Pair memory;
+    for (int round = 0; round < 11; ++round) {
+        const double start = Seconds([&] { Run({launcher}); });
+        resetHome();
+        Measure(
+            upgrades, round, [&] { memory.ours.push_back(upgrade(large)); },
+            [&] {
+                Run({BARE_COPY, large, home / "copy"});
+            });
+        upgrades.ours.back() -= start;
+        fs::remove_all(home / "copy");
+        resetHome();
+        memory.theirs.push_back(upgrade(small));
+    }
+    upgrades.Print("whole upgrade less the start, 300 MB in 3,000 files, in memory",
+                   "a bare 8 KiB read/write loop in C", "≤ 1.05");
+    memory.Print("peak memory of an upgrade, 300 MB", "the same, 10 MB", "≤ 1.05");
+    fs::remove_all(prefix / "package");
+    fs::remove_all(home);
+}
+
+void MeasureSmallFiles(const fs::path &memory, const fs::path &disk)
+{
+    constexpr int kMany = 50'000;
+    constexpr int kFew = 1'000;
+    constexpr size_t kBytes = 2'000;
+    MakeTree(memory / "many", kMany, kBytes);
+    MakeTree(memory / "few", kFew, kBytes);
+
+    Pair copies;
+    Pair perFile;
+    Pair removals;
+    for (int round = 0; round < 9; ++round) {
+        Measure(
+            copies, round, [&] { Copy(memory / "many", memory / "ours"); },
+            [&] {
+                Run({"cp", "-r", memory / "many", memory / "theirs"});
+            });
+        perFile.ours.push_back(copies.ours.back() / kMany);
+        perFile.theirs.push_back(Seconds([&] { Copy(memory / "few", memory / "ours-few"); }) / kFew);
+        Measure(
+            removals, round, [&] { Require(FSRemove(memory / "ours", false) == 0, "the removal failed"); },
+            [&] {
+                Run({"rm", "-rf", memory / "theirs"});
+            });
+        fs::remove_all(memory / "ours-few");
+    }
+    copies.Print("50,000 files of 2 kB, in memory", "`cp -r`", "≤ 0.90");
+    perFile.Print("time per file, 50,000 files", "the same, 1,000 files", "≤ 1.10");
+    removals.Print("removal of 50,000 files, in memory", "`rm -rf`", "≤ 1.10");
+
+    // Nothing is removed in between: a disk that discards what is removed does so while the next side is measured.
+    Pair flushed;
+    MakeTree(disk / "many", kMany, kBytes);
+    Run({"sync", "-f", disk});
+    for (int round = 0; round < 7; ++round) {
+        const std::string number = std::to_string(round);
+        Measure(
+            flushed, round,
+            [&] {
+                Copy(disk / "many", disk / ("ours" + number));
+                Run({"sync", "-f", disk});
+            },
+            [&] {
+                Run({"cp", "-r", disk / "many", disk / ("theirs" + number)});
+                Run({"sync", "-f", disk});
+            });
+    }
+    flushed.Print("50,000 files of 2 kB, all of it on disk", "`cp -r` and `sync -f`", "≤ 1.10");
+}
+
+void MeasureArchive(const fs::path &prefix, const fs::path &memory)
+{
+    MakeTree(memory / "payload", 500, 100'000);
+    fs::create_directories(prefix / "package");
+    Run({"bsdtar", "-czf", prefix / "package/larkspire.vpk", "-C", memory, "payload"});
+    StrTable::InitStrTable();
+    UIPathManager::getInstance()->setPath(path_key::kRootResource, QString::fromStdString(prefix));
+    UIPathManager::getInstance()->setPath(path_key::kUserBrimlockApp, QString::fromStdString(memory / "ours"));
+
+    Pair extractions;
+    for (int round = 0; round < 9; ++round) {
+        fs::create_directory(memory / "theirs");
+        Measure(
+            extractions, round, [&] { Require(LinuxService().ExtractPackage() == 0, "the extraction failed"); },
+            [&] {
+                Run({"bsdtar", "-xf", prefix / "package/larkspire.vpk", "-C", memory / "theirs"});
+            });
+        fs::remove_all(memory / "ours");
+        fs::remove_all(memory / "theirs");
+    }
+    extractions.Print("`ExtractPackage` of a `.tar.gz`, 50 MB in 500 files", "`bsdtar -x`", "≤ 1.40");
+}
+
+void MeasureLog(const fs::path &memory)
+{
+    constexpr int kLines = 50'000;
+    constexpr int kUnloggedLines = 5'000'000;
+    constexpr size_t kRotateBytes = 5 << 20;
+    Logger::Initialize(Logger::TYPE_FILE, memory / "ours.log", "", 50, Logger::SCOPE_THREAD);
+    const auto theirs = spdlog::rotating_logger_mt("spdlog", memory / "theirs.log", kRotateBytes, 49);
+    theirs->set_level(spdlog::level::err);
+    theirs->flush_on(spdlog::level::err);
+    theirs->set_pattern("%Y-%m-%dT%H:%M:%S (%5P:%5t) [%l] %s(%#): %v");
+
+    Pair written;
+    Pair unlogged;
+    for (int round = 0; round < 15; ++round) {
+        Measure(
+            written, round,
+            [] {
+                for (int i = 0; i < kLines; ++i) {
+                    LOGGER_ERROR(kComponent, "copy from '%s' to '%s'\n", "/a", "/b");
+                }
+            },
+            [&] {
+                for (int i = 0; i < kLines; ++i) {
+                    SPDLOG_LOGGER_ERROR(theirs, "copy from '{}' to '{}'", "/a", "/b");
+                }
+            });
+        Measure(
+            unlogged, round,
+            [] {
+                for (int i = 0; i < kUnloggedLines; ++i) {
+                    LOGGER_DEBUG(kComponent, "copy from '%s' to '%s'\n", "/a", "/b");
+                }
+            },
+            [&] {
+                for (int i = 0; i < kUnloggedLines; ++i) {
+                    SPDLOG_LOGGER_DEBUG(theirs, "copy from '{}' to '{}'", "/a", "/b");
+                }
+            });
+    }
+    Logger::Destroy();
+    written.Print("a line that is written and flushed", "spdlog, rotating sink, flush per line", "≤ 1.00");
+    unlogged.Print("a line that is not logged", "spdlog below its level", "≤ 0.60");
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Require(argc == 4, "usage: benchmarks PREFIX HOME DISK");
+    const fs::path prefix = argv[1];
+    const fs::path home = argv[2];
+    printf("| work | against | ratio | to reach |\n|---|---|---|---|\n");
+    MeasureLauncher(prefix, home);
+    MeasureSmallFiles(home, argv[3]);
+    MeasureArchive(prefix, home);
+    MeasureLog(home);
+}
