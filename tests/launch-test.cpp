@@ -18,42 +18,44 @@ const std::string kGate = "opt/package/larkspire/gate"; // a file that the copyi
 const std::string kLog = "home/.Brimlock/log/launcher.log";
 bool hasOwnNetwork = false;
 
-// The guard's names are those of the network. With one of its own nobody else's launcher is met.
+// The guard's names are those of the network. In one of its own a launcher meets nobody.
 bool EnterOwnNetwork()
 {
     const std::string user = std::to_string(getuid());
-    if (unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) != 0) {
-        return false;
-    }
-    std::ofstream("/proc/self/uid_map") << user << " " << user << " 1";
-    return true;
+    const bool hasEntered = unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) == 0;
+    std::ofstream("/proc/self/uid_map") << user << " " << user << " 1"; // refused where it is not needed
+    return hasEntered;
 }
 
-// Passes on what one client tells the display, up to this many bytes. Then it hangs up, or nothing happens any more.
-// Returns its own display's name.
-std::string DisplayUntil(size_t bytes, bool hangs, pid_t &proxy)
+int OpenSocket(const std::string &name, int (*use)(int, const sockaddr *, socklen_t))
 {
-    static int number = getpid() * 100;
-    const auto opened = [](const std::string &display, auto &&use) {
-        sockaddr_un address = {AF_UNIX, ""};
-        snprintf(address.sun_path, sizeof address.sun_path, "/tmp/.X11-unix/X%s", display.c_str() + 1);
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(use(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << address.sun_path;
-        chmod(address.sun_path, 0777);
-        return fd;
-    };
-    const std::string name = ":" + std::to_string(++number);
-    const int listener = opened(name, bind);
+    sockaddr_un address = {AF_UNIX, ""};
+    const size_t size = offsetof(sockaddr_un, sun_path) + name.copy(address.sun_path, sizeof address.sun_path);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(use(fd, reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(size)), 0) << name;
+    return fd;
+}
+
+std::string DisplaySocket(const std::string &display)
+{
+    return "/tmp/.X11-unix/X" + display.substr(1);
+}
+
+// As a display of this name, passes on what one client says, up to this many bytes. Then it hangs up, or hangs.
+pid_t StartDisplay(const std::string &name, size_t bytes, bool hangs)
+{
+    const int listener = OpenSocket(DisplaySocket(name), bind);
+    chmod(DisplaySocket(name).c_str(), 0777);
     listen(listener, 1);
-    proxy = Spawn([=]() mutable {
-        pollfd ends[] = {{accept(listener, nullptr, nullptr), POLLIN, 0},
-                         {opened(getenv("DISPLAY"), connect), POLLIN, 0}};
-        while (bytes > 0 && poll(ends, 2, -1) > 0) {
+    const pid_t proxy = Spawn([&]() {
+        const int client = accept(listener, nullptr, nullptr);
+        const int ends[] = {client, OpenSocket(DisplaySocket(getenv("DISPLAY")), connect)};
+        pollfd events[] = {{ends[0], POLLIN, 0}, {ends[1], POLLIN, 0}};
+        while (bytes > 0 && poll(events, 2, -1) > 0) {
             char data[4096];
-            const int from = ends[0].revents != 0 ? 0 : 1;
-            const ssize_t size =
-                read(ends[from].fd, data, from == 0 ? std::min<size_t>(bytes, sizeof data) : sizeof data);
-            if (size <= 0 || write(ends[1 - from].fd, data, static_cast<size_t>(size)) != size) {
+            const int from = events[0].revents != 0 ? 0 : 1;
+            const ssize_t size = read(ends[from], data, std::min(from == 0 ? bytes : sizeof data, sizeof data));
+            if (size <= 0 || write(ends[1 - from], data, static_cast<size_t>(size)) != size) {
                 return 0;
             }
             bytes -= from == 0 ? static_cast<size_t>(size) : 0;
@@ -61,16 +63,18 @@ std::string DisplayUntil(size_t bytes, bool hangs, pid_t &proxy)
         return hangs ? pause() : 0;
     });
     close(listener);
-    return name;
+    return proxy;
 }
 
 struct Case {
-    std::string prepare = "";           // by a shell, in the scratch folder
+    std::string prepare = "";      // by a shell, in the scratch folder
     std::string client = "new";    // which is started, if any
-    std::string logged = "";            // once
+    std::string logged = "";       // once
     std::string start = "exec $L"; // by the user's shell; $L is the launcher
-    std::string atTheGate = "";         // what happens in the middle of the upgrade; $PID is the launcher
-    std::string says = "";              // the start script, beside its own words
+    std::string atTheGate = "";    // what happens in the middle of the upgrade; $PID is the launcher
+    std::string says = "";         // the start script, beside its own words
+    long displayBytes = -1;        // after so many from the launcher a display of its own hangs up
+    bool displayHangs = false;     // or hangs
 };
 
 // A user's copy and a newer shipped client, and one start of the launcher. Several can be at work at a time.
@@ -86,11 +90,12 @@ public:
     {
         Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; mkdir -p home");
         for (const auto &[folder, build, name] : {std::tuple(app, "1000", "old"), {package, "1001", "new"}}) {
-            const std::string sign = "\necho " + std::string(name) +
-                                     " $1${QT_QPA_PLATFORM+ platform=$QT_QPA_PLATFORM} >>'" + Path("started") + "'\n";
             WriteFile(folder + "/INFO", std::string("[Version]\nbuild_version=") + build + "\n");
             WriteFile(folder + "/bin/brimlock-ui", name, 0755);
-            WriteFile(folder + "/package/start-stop", "#!/bin/sh" + sign, 0755);
+            WriteFile(folder + "/package/start-stop",
+                      std::string("#!/bin/sh\necho ") + name + " $1${QT_QPA_PLATFORM+ platform=$QT_QPA_PLATFORM} >>'" +
+                          Path("started") + "'\n",
+                      0755);
         }
         Shell(
             "cp opt/package/larkspire/INFO opt; printf 'launcher_debug=7\nservice_debug=7\n' >opt/log/launcher.debug");
@@ -102,23 +107,27 @@ public:
         if (proxy != 0) {
             kill(proxy, SIGKILL);
             Wait(proxy);
-            unlink(("/tmp/.X11-unix/X" + display.substr(1)).c_str());
+            unlink(DisplaySocket(display).c_str());
         }
     }
 
     void TestBody() override {}
 
-    // Not `here` means in another network, where other starts are not met.
-    void Start(const Case &toStart, bool here = true)
+    void Start(const Case &toStart)
     {
         c = toStart;
+        static int number = getpid() * 100;
+        if (c.displayBytes >= 0) {
+            display = ":" + std::to_string(++number);
+            proxy = StartDisplay(display, static_cast<size_t>(c.displayBytes), c.displayHangs);
+        }
         Shell("INFO=opt/INFO BASE=home/.Brimlock APP=$BASE/Brimlock.app PID=$BASE/ui.pid LEVELS=opt/log/launcher.debug "
               "PACKAGE=opt/package/larkspire SCRIPT=$PACKAGE/package/start-stop\n" +
               c.prepare + "\ntest $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk)");
         launcher = Spawn([&]() -> int {
             setenv("HOME", Path("home").c_str(), 1);
             setenv("DISPLAY", display.c_str(), 1);
-            here || EnterOwnNetwork();
+            isAlone &&EnterOwnNetwork();
             BecomeUnprivileged();
             return chdir(scratch.c_str()) != 0 || freopen("home/stderr", "w", stderr) == nullptr ||
                    execl("/bin/sh", "sh", "-c", ("L=opt/bin/launcher; " + c.start).c_str(), nullptr);
@@ -155,6 +164,7 @@ public:
     std::string Started() const { return ReadFile(Path("started")); }
 
     std::string display = ":987"; // that the launcher is told of; this one is not there
+    bool isAlone = true;          // meets no other launcher
     Case c;
     pid_t launcher = 0;
     pid_t gate = 0;
@@ -209,55 +219,33 @@ TEST(LaunchTest, NothingAroundAStartCostsTheClient)
 #include "tests/spoil-cases.inc"
 #include "tests/start-cases.inc"
     };
-    setenv("QT_X11_NO_MITSHM", "1", 1); // its descriptors do not pass the proxy
-    const auto withDisplay = [](Stage &stage, size_t bytes, bool hangs) {
-        stage.display = DisplayUntil(bytes, hangs, stage.proxy);
-        stage.Start({}, !hasOwnNetwork);
-    };
-    std::deque<Stage> atWork;
-    const auto endAllBut = [&atWork](size_t count) {
-        while (atWork.size() > (hasOwnNetwork ? count : 0)) {
-            atWork.front().End();
-            atWork.pop_front();
+    setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy
+    const auto endAllBut = [](size_t count, std::deque<Stage> &stages) {
+        while (stages.size() > (hasOwnNetwork ? count : 0)) {
+            stages.front().End();
+            stages.pop_front();
         }
     };
-    std::deque<Stage> hanging(hasOwnNetwork ? 4 : 0);
-    for (size_t i = 0; i < hanging.size(); ++i) {
-        withDisplay(hanging[i], i * 3000, true); // about 9700 bytes are said until the window is there
+    std::deque<Stage> hanging;
+    std::deque<Stage> others;
+    for (const Case &c : cases) {
+        std::deque<Stage> &stages = c.displayHangs ? hanging : others;
+        stages.emplace_back().Start(c);
+        endAllBut(c.displayHangs ? 4 : 2, stages);
     }
-    for (const auto &c : cases) {
-        atWork.emplace_back().Start(c, !hasOwnNetwork);
-        endAllBut(2);
-    }
-    for (size_t bytes = 0; bytes < 11000; bytes += 900) {
-        withDisplay(atWork.emplace_back(), bytes, false);
-        endAllBut(2);
-    }
-    endAllBut(0);
-    for (Stage &stage : hanging) {
-        stage.End();
-    }
-    unsetenv("QT_X11_NO_MITSHM");
+    endAllBut(0, others);
+    endAllBut(0, hanging);
 }
 
 TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 {
-    // A stranger has some of the names, and listens under one. Only root can play the stranger.
-    const uid_t user = getuid() == 0 ? kNobody : getuid();
-    std::vector<int> strangers;
-    for (const char *name : {"", "-1"}) {
-        sockaddr_un address = {AF_UNIX, ""};
-        const int size = snprintf(address.sun_path + 1, 100, "veltrano-brimlock-launcher-%u%s", user, name);
-        strangers.push_back(socket(AF_UNIX, SOCK_STREAM, 0));
-        if (getuid() == 0) {
-            ASSERT_EQ(bind(strangers.back(), reinterpret_cast<const sockaddr *>(&address),
-                           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(size))),
-                      0);
-        }
-    }
-    listen(strangers[0], 1);
+    // A stranger, whom only root can play, listens under one name and has another.
+    const std::string name = '\0' + std::string("veltrano-brimlock-launcher-") + std::to_string(kNobody);
+    listen(getuid() == 0 ? OpenSocket(name, bind) : -1, 1);
+    getuid() == 0 ? OpenSocket(name + "-1", bind) : -1;
 
     Stage stage;
+    stage.isAlone = false;
     stage.Start({"", "new", "", "for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do env $v=/x $L & done; wait",
                  "until [ $(grep -c 'app has already launched, return' " + kLog + ") = 5 ]; do sleep 0.01; done"});
     stage.End();
