@@ -6,7 +6,6 @@
 
 #include <poll.h>
 #include <sched.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -19,53 +18,64 @@ const std::string kGate = "opt/package/larkspire/gate"; // a file that the copyi
 const std::string kLog = "home/.Brimlock/log/launcher.log";
 bool hasOwnNetwork = false;
 
-// The guard's names are those of the network. With one of its own nobody else's launcher is met.
+// The guard's names are those of the network. In one of its own a launcher meets nobody.
 bool EnterOwnNetwork()
 {
     const std::string user = std::to_string(getuid());
-    if (unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) != 0) {
-        return false;
-    }
-    std::ofstream("/proc/self/uid_map") << user << " " << user << " 1";
-    return true;
+    const bool hasEntered = unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) == 0;
+    std::ofstream("/proc/self/uid_map") << user << " " << user << " 1"; // refused where it is not needed
+    return hasEntered;
 }
 
-// Passes on what one client tells the display, up to this many bytes. Then it hangs up, or nothing happens any more.
-// Returns its own display's name.
-std::string DisplayUntil(long bytes, bool hangs, pid_t &proxy)
+int OpenSocket(const std::string &name, int (*use)(int, const sockaddr *, socklen_t))
 {
-    static int number = getpid() * 100;
-    const auto opened = [](const std::string &display, auto &&use) {
-        sockaddr_un address = {AF_UNIX, ""};
-        snprintf(address.sun_path, sizeof address.sun_path, "/tmp/.X11-unix/X%s", display.c_str() + 1);
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(use(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << address.sun_path;
-        chmod(address.sun_path, 0777);
-        return fd;
-    };
-    const std::string name = ":" + std::to_string(++number);
-    const int listener = opened(name, bind);
+    sockaddr_un address = {AF_UNIX, ""};
+    const size_t size = offsetof(sockaddr_un, sun_path) + name.copy(address.sun_path, sizeof address.sun_path);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(use(fd, reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(size)), 0) << name;
+    return fd;
+}
+
+std::string DisplaySocket(const std::string &display)
+{
+    return "/tmp/.X11-unix/X" + display.substr(1);
+}
+
+// As a display of this name, passes on what one client says, up to this many bytes. Then it hangs up, or hangs.
+pid_t StartDisplay(const std::string &name, size_t bytes, bool hangs)
+{
+    const int listener = OpenSocket(DisplaySocket(name), bind);
+    chmod(DisplaySocket(name).c_str(), 0777);
     listen(listener, 1);
-    proxy = Spawn([=]() mutable {
-        pollfd ends[] = {{accept(listener, nullptr, nullptr), POLLIN, 0},
-                         {opened(getenv("DISPLAY"), connect), POLLIN, 0}};
-        while (bytes > 0 && poll(ends, 2, -1) > 0) {
-            for (const int from : {0, 1}) {
-                char data[4096];
-                const size_t most = from == 0 ? std::min<size_t>(sizeof data, static_cast<size_t>(bytes)) : sizeof data;
-                const ssize_t size = ends[from].revents != 0 ? read(ends[from].fd, data, most) : 0;
-                if (size < 0 || (ends[from].revents != 0 && size == 0) ||
-                    write(ends[1 - from].fd, data, size) != size) {
-                    return 0;
-                }
-                bytes -= from == 0 ? size : 0;
+    const pid_t proxy = Spawn([&]() {
+        const int client = accept(listener, nullptr, nullptr);
+        const int ends[] = {client, OpenSocket(DisplaySocket(getenv("DISPLAY")), connect)};
+        pollfd events[] = {{ends[0], POLLIN, 0}, {ends[1], POLLIN, 0}};
+        while (bytes > 0 && poll(events, 2, -1) > 0) {
+            char data[4096];
+            const int from = events[0].revents != 0 ? 0 : 1;
+            const ssize_t size = read(ends[from], data, std::min(from == 0 ? bytes : sizeof data, sizeof data));
+            if (size <= 0 || write(ends[1 - from], data, static_cast<size_t>(size)) != size) {
+                return 0;
             }
+            bytes -= from == 0 ? static_cast<size_t>(size) : 0;
         }
         return hangs ? pause() : 0;
     });
     close(listener);
-    return name;
+    return proxy;
 }
+
+struct Case {
+    std::string prepare = "";      // by a shell, in the scratch folder
+    std::string client = "new";    // which is started, if any
+    std::string logged = "";       // once
+    std::string start = "exec $L"; // by the user's shell; $L is the launcher
+    std::string atTheGate = "";    // what happens in the middle of the upgrade; $PID is the launcher
+    std::string says = "";         // the start script, beside its own words
+    long displayBytes = -1;        // after so many from the launcher a display of its own hangs up
+    bool displayHangs = false;     // or hangs
+};
 
 // A user's copy and a newer shipped client, and one start of the launcher. Several can be at work at a time.
 class Stage : public ScratchTest
@@ -80,14 +90,16 @@ public:
     {
         Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; mkdir -p home");
         for (const auto &[folder, build, name] : {std::tuple(app, "1000", "old"), {package, "1001", "new"}}) {
-            const std::string sign = "\necho " + std::string(name) +
-                                     " $1${QT_QPA_PLATFORM+ platform=$QT_QPA_PLATFORM} >>'" + Path("started") + "'\n";
             WriteFile(folder + "/INFO", std::string("[Version]\nbuild_version=") + build + "\n");
             WriteFile(folder + "/bin/brimlock-ui", name, 0755);
-            WriteFile(folder + "/package/start-stop", "#!/bin/sh" + sign, 0755);
+            WriteFile(folder + "/package/start-stop",
+                      std::string("#!/bin/sh\necho ") + name + " $1${QT_QPA_PLATFORM+ platform=$QT_QPA_PLATFORM} >>'" +
+                          Path("started") + "'\n",
+                      0755);
         }
         Shell(
             "cp opt/package/larkspire/INFO opt; printf 'launcher_debug=7\nservice_debug=7\n' >opt/log/launcher.debug");
+        old = Tree(app);
     }
 
     ~Stage() override
@@ -95,58 +107,69 @@ public:
         if (proxy != 0) {
             kill(proxy, SIGKILL);
             Wait(proxy);
+            unlink(DisplaySocket(display).c_str());
         }
     }
 
     void TestBody() override {}
 
-    // Runs the command, in which $L is the launcher, as the user. What is `atTheGate` happens in the middle of the
-    // upgrade; $PID is the launcher there. Not `here` means in another network.
-    void Start(const std::string &command = "exec $L", const std::string &atTheGate = "", bool here = true)
+    void Start(const Case &toStart)
     {
-        // As far as what is in there stands still: a launcher may be at work.
-        Shell("test $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk) || true");
+        c = toStart;
+        static int number = getpid() * 100;
+        if (c.displayBytes >= 0) {
+            display = ":" + std::to_string(++number);
+            proxy = StartDisplay(display, static_cast<size_t>(c.displayBytes), c.displayHangs);
+        }
+        Shell("INFO=opt/INFO BASE=home/.Brimlock APP=$BASE/Brimlock.app PID=$BASE/ui.pid LEVELS=opt/log/launcher.debug "
+              "PACKAGE=opt/package/larkspire SCRIPT=$PACKAGE/package/start-stop\n" +
+              c.prepare + "\ntest $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk)");
         launcher = Spawn([&]() -> int {
-            const rlimit limit = {fileBytes, fileBytes};
             setenv("HOME", Path("home").c_str(), 1);
             setenv("DISPLAY", display.c_str(), 1);
-            here || EnterOwnNetwork();
+            isAlone &&EnterOwnNetwork();
             BecomeUnprivileged();
             return chdir(scratch.c_str()) != 0 || freopen("home/stderr", "w", stderr) == nullptr ||
-                   setrlimit(RLIMIT_FSIZE, &limit) != 0 ||
-                   execl("/bin/sh", "sh", "-c", ("L=opt/bin/launcher; " + command).c_str(), nullptr);
+                   execl("/bin/sh", "sh", "-c", ("L=opt/bin/launcher; " + c.start).c_str(), nullptr);
         });
-        if (!atTheGate.empty()) {
+        if (!c.atTheGate.empty()) {
             Shell("mkfifo -m 666 " + kGate);
             gate = Spawn([&]() -> int {
                 BecomeUnprivileged();
-                const std::string whole = "exec 3>" + kGate + "; PID=" + std::to_string(launcher) + "; " + atTheGate;
+                const std::string whole = "exec 3>" + kGate + "; PID=" + std::to_string(launcher) + "; " + c.atTheGate;
                 return chdir(scratch.c_str()) != 0 ||
                        execlp("timeout", "timeout", "30", "sh", "-c", whole.c_str(), nullptr);
             });
         }
     }
 
-    // Waits for the end of what was started.
-    void End(const std::string &started, const std::string &logged = "")
+    // Waits for the end of what was started, and looks at what it has left.
+    void End()
     {
+        SCOPED_TRACE(c.prepare + " | " + c.start + " | " + c.atTheGate + " | " + display);
         EXPECT_TRUE(gate == 0 || Wait(gate) == 0) << "it came to the gate";
         EXPECT_EQ(Wait(launcher), 0);
-        EXPECT_EQ(Started(), started.empty() ? "" : started + "\n");
-        EXPECT_TRUE(logged.empty() || Logged(logged) == 1) << logged;
+        EXPECT_EQ(Started(), (c.client.empty() ? "" : c.client + " start" + c.says + "\n"));
+        EXPECT_TRUE(c.logged.empty() || Logged(c.logged) == 1) << c.logged;
+        if (!c.client.empty()) {
+            Shell("rm -f " + kGate + " '" + app + "/gate'");
+            EXPECT_EQ(Tree(app), c.client == "old" ? old : Tree(package));
+        }
     }
 
     int Logged(const std::string &text) const
     {
-        return CountOf(ReadFile(Path("home/.Brimlock/log/launcher.log")) + ReadFile(Path("home/stderr")), text);
+        return CountOf(ReadFile(Path(kLog)) + ReadFile(Path("home/stderr")), text);
     }
     std::string Started() const { return ReadFile(Path("started")); }
 
-    std::string display; // that launchers are told of
-    rlim_t fileBytes = RLIM_INFINITY;
+    std::string display = ":987"; // that the launcher is told of; this one is not there
+    bool isAlone = true;          // meets no other launcher
+    Case c;
     pid_t launcher = 0;
     pid_t gate = 0;
     pid_t proxy = 0;
+    std::set<std::string> old; // the user's copy
     const std::string app = Path("home/.Brimlock/Brimlock.app");
     const std::string package = Path("opt/package/larkspire");
 };
@@ -171,12 +194,11 @@ TEST(LaunchTest, WholeRunsReadAsTheyAlwaysDid)
         {"upgrade", "sed -i s/1001/1002/ opt/INFO opt/package/larkspire/INFO"},
         {"nothing to do: a downgrade", "sed -i s/1002/1001/ opt/INFO"},
         {"failed upgrade", "sed -i s/1001/1003/ opt/INFO; ln -s nothing opt/package/larkspire/link"}};
-    std::string started;
     for (const auto &[run, change] : runs) {
-        stage.Shell(std::string(change) + "; mkdir -p home/.Brimlock/log; echo '== " + run + "' >>" + kLog);
-        stage.Start();
-        started += started.empty() ? "new start" : "\nnew start";
-        stage.End(started);
+        const std::string before = stage.Started();
+        stage.Start({std::string(change) + "; mkdir -p $BASE/log; echo '== " + run + "' >>" + kLog});
+        EXPECT_EQ(Wait(stage.launcher), 0);
+        EXPECT_EQ(stage.Started(), before + "new start\n");
     }
     EXPECT_FALSE(fs::exists(stage.Path("home/.Larkspire/app")));
     // Without what no two runs share, and without the copied folders, whose order is the disk's.
@@ -188,95 +210,51 @@ TEST(LaunchTest, WholeRunsReadAsTheyAlwaysDid)
 
 TEST(LaunchTest, NothingAroundAStartCostsTheClient)
 {
-    const std::string noWindow = "no window is shown\n";
-    const struct {
-        std::string prepare, start, atTheGate, started, logged;
-    } cases[] = {
-#include "tests/start-cases.inc"
-    };
-    setenv("QT_X11_NO_MITSHM", "1", 1); // its descriptors do not pass the proxy
-    std::deque<Stage> hanging;
-    for (const long bytes : {0, 3000, 8000, 9500}) { // about 9700 are said until the window is there
-        Stage &stage = hanging.emplace_back();
-        stage.display = DisplayUntil(bytes, true, stage.proxy);
-        stage.Start("exec $L", "", !hasOwnNetwork);
-        hasOwnNetwork ? (void)0 : stage.End("new start");
-    }
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.prepare + " | " + c.start + " | " + c.atTheGate);
-        Stage stage;
-        stage.Shell("SCRIPT=opt/package/larkspire/package/start-stop INFO=opt/INFO LOGS=home/.Brimlock/log\n" +
-                    c.prepare + "\n:");
-        stage.Start(c.start, c.atTheGate);
-        stage.End(c.started, c.logged);
-    }
-    for (long bytes = 0; bytes < 11000; bytes += 900) {
-        SCOPED_TRACE("the display dies after " + std::to_string(bytes) + " bytes");
-        Stage stage;
-        stage.display = DisplayUntil(bytes, false, stage.proxy);
-        stage.Start();
-        stage.End("new start");
-    }
-    for (Stage &stage : hanging) {
-        if (hasOwnNetwork) {
-            stage.End("new start");
-        }
-    }
-    unsetenv("QT_X11_NO_MITSHM");
-}
-
-TEST(LaunchTest, BadInputCostsNobodyTheClient)
-{
     const std::string rollback = "Failed to extract package, rollback to old installation\n";
     const std::string noPid = "Failed to read pid file '";
     const std::string noLevels = "no log levels read from '";
     const std::string noBackup = "at max retries, exiting\n";
-    const std::tuple<const char *, const char *, std::string> cases[] = {
+    const std::string noWindow = "no window is shown\n";
+    const Case cases[] = {
 #include "tests/spoil-cases.inc"
+#include "tests/start-cases.inc"
     };
-    const std::string names = "INFO=opt/INFO BASE=home/.Brimlock APP=$BASE/Brimlock.app PID=$BASE/ui.pid "
-                              "LEVELS=opt/log/launcher.debug PACKAGE=opt/package/larkspire; ";
-    for (const auto &[spoil, client, message] : cases) {
-        SCOPED_TRACE(spoil);
-        Stage stage;
-        stage.display = ":987"; // which is not there
-        stage.fileBytes = 64 << 10;
-        const auto old = Tree(stage.app);
-        stage.Shell(names + spoil);
-        stage.Start();
-        stage.End(std::string(client) + " start", message);
-        EXPECT_EQ(Tree(stage.app), client == std::string("old") ? old : Tree(stage.package));
+    setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy
+    const auto endAllBut = [](size_t count, std::deque<Stage> &stages) {
+        while (stages.size() > (hasOwnNetwork ? count : 0)) {
+            stages.front().End();
+            stages.pop_front();
+        }
+    };
+    std::deque<Stage> hanging;
+    std::deque<Stage> others;
+    for (const Case &c : cases) {
+        std::deque<Stage> &stages = c.displayHangs ? hanging : others;
+        stages.emplace_back().Start(c);
+        endAllBut(c.displayHangs ? 4 : 2, stages);
     }
+    endAllBut(0, others);
+    endAllBut(0, hanging);
 }
 
 TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 {
-    // A stranger has some of the names, and listens under one. Only root can play the stranger.
-    const uid_t user = getuid() == 0 ? kNobody : getuid();
-    std::vector<int> strangers;
-    for (const char *name : {"", "-1"}) {
-        sockaddr_un address = {AF_UNIX, ""};
-        const int size = snprintf(address.sun_path + 1, 100, "veltrano-brimlock-launcher-%u%s", user, name);
-        strangers.push_back(socket(AF_UNIX, SOCK_STREAM, 0));
-        if (getuid() == 0) {
-            ASSERT_EQ(bind(strangers.back(), reinterpret_cast<const sockaddr *>(&address),
-                           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(size))),
-                      0);
-        }
-    }
-    listen(strangers[0], 1);
+    // A stranger, whom only root can play, listens under one name and has another.
+    const std::string name = '\0' + std::string("veltrano-brimlock-launcher-") + std::to_string(kNobody);
+    listen(getuid() == 0 ? OpenSocket(name, bind) : -1, 1);
+    getuid() == 0 ? OpenSocket(name + "-1", bind) : -1;
 
     Stage stage;
-    stage.Start("for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do env $v=/x $L & done; wait",
-                "until [ $(grep -c 'app has already launched, return' " + kLog + ") = 5 ]; do sleep 0.01; done");
-    stage.End("new start");
+    stage.isAlone = false;
+    stage.Start({"", "new", "", "for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do env $v=/x $L & done; wait",
+                 "until [ $(grep -c 'app has already launched, return' " + kLog + ") = 5 ]; do sleep 0.01; done"});
+    stage.End();
 
     Stage killed;
-    killed.Start("exec $L", "kill -KILL $PID");
+    killed.Start({"", "new", "", "exec $L", "kill -KILL $PID"});
     EXPECT_EQ(Wait(killed.launcher), 128 + SIGKILL);
-    killed.Shell("rm " + kGate);
-    killed.Start();
-    killed.End("new start");
+    killed.Start({"rm " + kGate});
+    killed.End();
 }
 
 TEST(LaunchTest, NothingThatHappensToTheWindowEndsTheRun)
@@ -285,14 +263,14 @@ TEST(LaunchTest, NothingThatHappensToTheWindowEndsTheRun)
         Stage stage;
         stage.display = getenv("DISPLAY");
         setenv("QT_FONT_DPI", dpi, 1);
-        stage.Start("exec $L", "while [ ! -e go ]; do sleep 0.01; done");
+        stage.Start({"", "new", "", "exec $L", "while [ ! -e go ]; do sleep 0.01; done"});
         EXPECT_NE(AskWindow("getwindowgeometry").find(geometry), std::string::npos);
         AskWindow("key --window %1 Escape sleep 0.3");
         EXPECT_NE(AskWindow(""), "") << "it is still there";
         AskWindow("windowkill");
         EXPECT_EQ(stage.Started(), "");
         stage.Shell(": >go");
-        stage.End("new start"); // also when the display has cut the connection
+        stage.End(); // also when the display has cut the connection
     }
 }
 
