@@ -16,4 +16,11 @@
         <translation>Brimlock 客户端</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>在此计算机与服务器之间同步文件</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Brimlock 用戶端</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>在這部電腦與伺服器之間同步檔案</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Klient Brimlock</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Synchronizace souborů mezi tímto počítačem a serverem</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Brimlock-klient</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Synkroniser filer mellem denne computer og en server</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Brimlock Client</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Keep files in sync between this computer and a server</translation>
+    </message>
+</context>
 </TS>

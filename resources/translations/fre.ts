@@ -16,4 +16,11 @@
         <translation>Client Brimlock</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Synchroniser les fichiers entre cet ordinateur et un serveur</translation>
+    </message>
+</context>
 </TS>

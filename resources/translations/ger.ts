@@ -16,4 +16,11 @@
         <translation>Brimlock-Client</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Dateien zwischen diesem Rechner und einem Server abgleichen</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Brimlock-kliens</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Fájlok szinkronizálása e számítógép és egy kiszolgáló között</translation>
+    </message>
+</context>
 </TS>

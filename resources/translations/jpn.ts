@@ -16,4 +16,11 @@
         <translation>Brimlock クライアント</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>このコンピューターとサーバーの間でファイルを同期します</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Brimlock 클라이언트</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>이 컴퓨터와 서버 간에 파일을 동기화합니다</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Brimlock-client</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Bestanden synchroniseren tussen deze computer en een server</translation>
+    </message>
+</context>
 </TS>

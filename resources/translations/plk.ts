@@ -16,4 +16,11 @@
         <translation>Klient Brimlock</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Synchronizacja plików między tym komputerem a serwerem</translation>
+    </message>
+</context>
 </TS>

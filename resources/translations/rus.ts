@@ -16,4 +16,11 @@
         <translation>Клиент Brimlock</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Синхронизация файлов между этим компьютером и сервером</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Cliente Brimlock</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Sincronizar archivos entre este equipo y un servidor</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>ไคลเอ็นต์ Brimlock</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>ซิงค์ไฟล์ระหว่างคอมพิวเตอร์เครื่องนี้กับเซิร์ฟเวอร์</translation>
+    </message>
+</context>
 </TS>

@@ -16,4 +16,11 @@
         <translation>Brimlock İstemcisi</translation>
     </message>
 </context>
+<context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Dosyaları bu bilgisayar ile bir sunucu arasında eşitleyin</translation>
+    </message>
+</context>
 </TS>
