@@ -77,10 +77,10 @@ inline pid_t Spawn(const std::function<int()> &body)
 }
 
 // The exit status of a child process; a signal counts as 128 and its number. One that does not end is killed.
-inline int Wait(pid_t child)
+inline int Wait(pid_t child, int patienceMilliseconds = kWaitMilliseconds)
 {
     pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-    if (ended.fd >= 0 && poll(&ended, 1, kWaitMilliseconds) == 0) {
+    if (ended.fd >= 0 && poll(&ended, 1, patienceMilliseconds) == 0) {
         ADD_FAILURE() << "process " << child << " does not end";
         kill(child, SIGKILL);
     }
