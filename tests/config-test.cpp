@@ -32,8 +32,7 @@ TEST_F(ConfigTest, OneMalformedLineMakesTheWholeFileUnreadable)
     Shell("printf 'pid=1\n\nuser=\"me\"\npid=2\n%8191spiece=5\n' >good; printf 'user=you\npid=42 43\nx=1\n' >bad");
     EXPECT_EQ(config.read(Path("good")), 0);
     EXPECT_EQ(config.entries, (std::map<std::string, std::string>{{"pid", "2"}, {"piece", "5"}, {"user", "\"me\""}}));
-    EXPECT_EQ(config["none"], "");
-    EXPECT_EQ(config.entries.size(), 4u) << "a key that is asked for is there";
+    EXPECT_TRUE(config["none"].empty() && config.entries.size() == 4) << "a key that is asked for is there";
     EXPECT_EQ(config.read(Path("bad")), -1);
     EXPECT_TRUE(config.entries.empty());
 }
@@ -41,24 +40,18 @@ TEST_F(ConfigTest, OneMalformedLineMakesTheWholeFileUnreadable)
 TEST_F(ConfigTest, ReadsRegularFilesOfAMebibyteAndWaitsForNothingElse)
 {
     alarm(30); // a FIFO has no writer here
-    Shell("mkdir folder; mkfifo fifo; { echo pid=1; yes '#'; } | head -c 1048576 >most; { cat most; echo; } >more");
+    Shell("mkfifo fifo; { echo pid=1; yes '#'; } | head -c 1048576 >most; { cat most; echo; } >more");
     Config config;
     EXPECT_EQ(config.read(Path("most")), 0);
-    const auto entries = config.entries;
     const auto openFiles = Tree("/proc/self/fdinfo").size();
-    const std::pair<std::string, int> cases[] = {{"", 0},
-                                                 {Path("none"), ENOENT},
-                                                 {Path("most/x"), ENOTDIR},
-                                                 {scratch, EINVAL},
-                                                 {Path("fifo"), EINVAL},
-                                                 {"/dev/zero", EINVAL},
-                                                 {Path("more"), EFBIG}};
+    const std::pair<std::string, int> cases[] = {
+#include "tests/unreadable-cases.inc"
+    };
     for (const auto &[path, error] : cases) {
         errno = 0;
         EXPECT_EQ(config.read(path), -1) << path;
         EXPECT_EQ(errno, error) << path;
     }
-    EXPECT_EQ(config.entries, entries) << "nothing changes";
+    EXPECT_EQ(config.entries, (std::map<std::string, std::string>{{"pid", "1"}})) << "nothing changes";
     EXPECT_EQ(Tree("/proc/self/fdinfo").size(), openFiles);
-    alarm(0);
 }

@@ -33,9 +33,8 @@ TEST_F(FileOpTest, ARecordTellsWhatIsThereWithoutFollowingLinks)
     EXPECT_EQ(types, "1/5 2/ 3/7 5/0 6/0 0/0 ");
     struct stat status = {};
     ASSERT_EQ(lstat(Path("link").c_str(), &status) + GetFileInfo(Path("link"), info), 0);
-    EXPECT_EQ(std::tie(info.uid, info.gid, info.mode, info.device, info.name),
-              std::make_tuple(status.st_uid, status.st_gid, status.st_mode, status.st_dev, "link"));
-    EXPECT_EQ(info.mtime, 5);
+    EXPECT_EQ(std::tie(info.uid, info.gid, info.mode, info.device, info.mtime),
+              std::make_tuple(status.st_uid, status.st_gid, status.st_mode, status.st_dev, 5));
     EXPECT_TRUE(FSStat("", info, true) == -1 && FSStat(Path("file/x"), info, true) == -2);
     ASSERT_EQ(GetFileInfo(Path("file"), info), 0);
     const _FILE_INFO_tag before = info;
@@ -65,17 +64,17 @@ TEST_F(FileOpTest, CopiesBytesAndChoosesTheMode)
     EXPECT_TRUE(!fs::exists(Path("never")) &&
                 Logged("CopyFile: open(" + Path("src") + "): No such file or directory (2)"));
     EXPECT_TRUE(FSCopy(scratch, Path("x"), false, false) == -1 && Logged("CopyFile: read: Is a directory (21)\n") == 1);
-    Shell("ln -s kept link");
+    Shell("ln -s plain link");
     EXPECT_EQ(FSCopy(Path("link"), Path("followed"), true, true), 0);
     EXPECT_TRUE(ReadFile(Path("followed")) == bytes && ModeOf(Path("followed")) == 0755 && !fs::exists(Path("link")))
         << "the bytes behind the link, the mode of the link";
     const auto copyToALimit = [this] {
-        const rlimit limit = {10000, 10000};
+        const rlimit limit = {18000, 18000}; // the last piece is written in part
         signal(SIGXFSZ, SIG_IGN);
         return setrlimit(RLIMIT_FSIZE, &limit), FSCopy(Path("kept"), Path("part"), true, false);
     };
     EXPECT_EQ(InChild(copyToALimit), 255);
-    EXPECT_EQ(ReadFile(Path("part")) + ReadFile(Path("kept")), bytes.substr(0, 10000) + bytes) << "both stay";
+    EXPECT_EQ(ReadFile(Path("part")) + ReadFile(Path("kept")), bytes.substr(0, 18000) + bytes) << "both stay";
     EXPECT_EQ(Logged("CopyFile: write: File too large (27)\n"), 1);
 }
 
@@ -94,8 +93,8 @@ TEST_F(FileOpTest, MakesFoldersAndKeepsErrno)
     EXPECT_EQ(errno, EEXIST) << "mkdir's, not that of the look that follows it";
     EXPECT_EQ(FSMKDirFromRoot(Path("none/a"), Path("none")), -1) << "the root itself is never made";
     umask(027);
-    EXPECT_TRUE(FSMKDirFromRoot(Path("r/a/b"), Path("r")) == 0 && ModeOf(Path("r/a/b")) == 0750);
-    umask(022);
+    EXPECT_TRUE(FSMKDirFromRoot(Path("r/a/b"), Path("r")) == 0 && ModeOf(Path("r/a/b")) == 0750 && umask(0) == 027);
+    EXPECT_TRUE(FSMKDir(Path("all"), true) == 0 && ModeOf(Path("all")) == 0777 && umask(022) == 0);
 }
 
 TEST_F(FileOpTest, MovesTreesAlsoToAnotherFileSystem)
@@ -117,16 +116,15 @@ TEST_F(FileOpTest, MovesTreesAlsoToAnotherFileSystem)
 
 TEST_F(FileOpTest, RemovesTreesButNothingBehindALink)
 {
-    Shell("mkdir -p outside tree/a/b; echo stays >outside/file; ln -s ../../outside tree/a/link");
-    EXPECT_EQ(FSRemove(Path("tree"), true), 0);
-    Shell("test ! -e tree -a -e outside/file; chmod 0 outside");
+    Shell("mkdir -p outside tree/a/b; echo stays >outside/file; ln -s ../../outside tree/a/link; ln -s outside link");
+    EXPECT_EQ(FSRemove(Path("tree"), true) + FSRemove(Path("link"), true), 0);
+    Shell("test ! -d tree && test ! -L link && test -e outside/file && chmod 0 outside");
     EXPECT_EQ(FSRemove(Path("tree"), true), 0) << "nothing there";
     EXPECT_EQ(FSRemove("/proc/self/status", true), -3);
     EXPECT_EQ(InChild([this] { return BecomeUnprivileged(), FSRemove(Path("outside"), false); }), 0);
     EXPECT_TRUE(fs::exists(Path("outside"))) << "what may not be listed stays, and that is a success";
     Shell("mkdir -p tree/a; touch tree/a/file; chmod 555 tree/a; chmod 777 tree");
-    EXPECT_EQ(InChild([this] { return BecomeUnprivileged(), FSRemove(Path("tree"), false) == -3 && errno == EACCES; }),
-              1);
+    EXPECT_EQ(InChild([this] { return BecomeUnprivileged(), FSRemove(Path("tree"), false) + errno; }), EACCES - 3);
     EXPECT_TRUE(fs::exists(Path("tree/a/file")));
 }
 
@@ -146,7 +144,7 @@ TEST_F(FileOpTest, WalksAFolder)
             found.insert(entry.name + " " + std::to_string(entry.type) + (entry.type == FS_TYPE_DIR ? "" : " " + info));
         }
         FSCloseDir(handle);
-        EXPECT_TRUE(handle.path.empty() && handle.dir == nullptr && handle.flags == flags);
+        EXPECT_TRUE(handle.path.empty() && handle.dir == nullptr);
         return found;
     };
     using Entries = std::set<std::string>;
@@ -157,7 +155,8 @@ TEST_F(FileOpTest, WalksAFolder)
 TEST_F(FileOpTest, NamesLinksOwnersAndProbes)
 {
     std::string path;
-    EXPECT_TRUE(FSMktemp(scratch, path) == 0 && ModeOf(path) == 0644);
+    const auto openFiles = Tree("/proc/self/fdinfo").size();
+    EXPECT_TRUE(FSMktemp(scratch, path) == 0 && ModeOf(path) == 0644 && Tree("/proc/self/fdinfo").size() == openFiles);
     EXPECT_EQ(FSMktemp(Path("none"), path), -1);
     EXPECT_EQ(Logged("mkstemp(" + Path("none") + "/XXXXXX): No such file or directory(2)\n"), 1);
     EXPECT_EQ(FSCreateTempPath("/tmp", path), 0);

@@ -13,7 +13,7 @@ namespace
 // A longer line is parsed piece by piece, each piece as a line of its own.
 constexpr int kLineBytes = 8192;
 
-constexpr off_t kMaxFileBytes = 1024 * 1024;
+constexpr off_t kMaxFileBytes = off_t{1024} * 1024;
 
 struct FileCloser {
     void operator()(FILE *file) const { fclose(file); }
