@@ -320,7 +320,7 @@ void Patience()
 {
     const Trees trees = Prepare(true);
     Shell("echo 'sleep 62' >>'" + app +
-          "/package/start-stop'; (exec 9>home/.Brimlock/upgrade.lock; flock 9; sleep 130) & sleep 1");
+          "/package/start-stop'; setpriv --reuid 65534 flock home/.Brimlock/upgrade.lock sleep 65 & sleep 1");
     const int status = Wait(SpawnLauncher(false), 150000);
     const std::string log = ReadFile(home + "/.Brimlock/log/launcher.log");
     Report("a start that others hold up", status == 0 && ReadFile(work + "/started") == "old\n" ? "" : "no start");
