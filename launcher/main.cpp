@@ -102,6 +102,7 @@ int main(int argc, char **argv)
     initialize_home();
     argc = qMin(argc, 1); // the launcher takes no arguments, and Qt's own are not for it either
     QtSingleApplication app(argc, argv, keeper.MayUseDisplay());
+    QGuiApplication::setDesktopFileName(QStringLiteral("brimlock-launcher")); // groups the window under its menu entry
     initialize_resources();
     initializeDrivePaths();
     initialize_logger();
