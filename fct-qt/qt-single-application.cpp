@@ -17,7 +17,7 @@ constexpr useconds_t kListenPauseMicroseconds = 1000;
 
 QByteArray Platforms(bool wantsDisplay, const QByteArray &chosen)
 {
-    const QByteArray last = "offscreen";
+    QByteArray last = "offscreen";
     if (!wantsDisplay) {
         return last;
     }
