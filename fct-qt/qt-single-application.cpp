@@ -10,7 +10,6 @@
 
 namespace
 {
-constexpr char kPlatformVariable[] = "QT_QPA_PLATFORM";
 constexpr int kGuardNames = 8;
 constexpr int kListenTries = 20;
 constexpr useconds_t kListenPauseMicroseconds = 1000;
@@ -87,17 +86,33 @@ Holder TakeName(int number, int &fd)
 }
 } // namespace
 
-PlatformChoice::PlatformChoice(bool wantsDisplay) : own(qgetenv(kPlatformVariable))
+PlatformChoice::PlatformChoice(bool wantsDisplay)
 {
-    qputenv(kPlatformVariable, Platforms(wantsDisplay, own));
+    Set("QT_QPA_PLATFORM", Platforms(wantsDisplay, qgetenv("QT_QPA_PLATFORM")));
+    Set("QT_QPA_PLATFORMTHEME", "");
+    Set("QT_STYLE_OVERRIDE", "");
+    Set("QT_IM_MODULE", "none");
+    // Qt itself knows the themes of one desktop; for the others it would ask their own libraries.
+    if (!qgetenv("XDG_CURRENT_DESKTOP").split(':').contains("KDE")) {
+        Set("XDG_CURRENT_DESKTOP", "none");
+        Set("DESKTOP_SESSION", "");
+    }
+}
+
+void PlatformChoice::Set(const char *name, const QByteArray &value)
+{
+    own.emplace_back(name, qgetenv(name));
+    qputenv(name, value);
 }
 
 void PlatformChoice::PutBack() const
 {
-    if (own.isNull()) {
-        qunsetenv(kPlatformVariable);
-    } else {
-        qputenv(kPlatformVariable, own);
+    for (const auto &[name, value] : own) {
+        if (value.isNull()) {
+            qunsetenv(name);
+        } else {
+            qputenv(name, value);
+        }
     }
 }
 

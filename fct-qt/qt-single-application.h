@@ -1,13 +1,16 @@
 #ifndef BRIMLOCK_FCT_QT_QT_SINGLE_APPLICATION_H
 #define BRIMLOCK_FCT_QT_QT_SINGLE_APPLICATION_H
 
+#include <utility>
 #include <vector>
 
 #include <QApplication>
 
-// QT_QPA_PLATFORM for the time in which an application object is built. Constructed, it lets Qt try what the user has
-// chosen or the session offers and then a platform without a display, instead of aborting; without wantsDisplay only
-// the latter. PutBack() gives the variable back as it was, for the programs that this one starts.
+// What the environment tells Qt of the platform, for the time in which an application object is built. Constructed, it
+// lets Qt try what the user has chosen or the session offers and then a platform without a display, instead of
+// aborting; without wantsDisplay only the latter. It keeps away themes, styles and input methods that talk to the
+// desktop on their own: they end the process, or wait for ever, when it does not answer. PutBack() gives the variables
+// back as they were, for the programs that this one starts.
 class PlatformChoice
 {
 protected:
@@ -15,7 +18,9 @@ protected:
     void PutBack() const;
 
 private:
-    const QByteArray own; // null: not set
+    void Set(const char *name, const QByteArray &value);
+
+    std::vector<std::pair<const char *, QByteArray>> own; // null: not set
 };
 
 // A QApplication of which one process per user is meant to run. It also starts where there is no display: its

@@ -1,5 +1,6 @@
 #include <clocale>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -107,7 +108,7 @@ int main(int argc, char **argv)
     initializeDrivePaths();
     initialize_logger();
     if (!keeper.MayUseDisplay()) {
-        LOGGER_WARNING(kComponent, "the display failed or did not answer, no window is shown\n");
+        LOGGER_WARNING(kComponent, "the display or the desktop failed or did not answer, no window is shown\n");
     }
     if (app.isRunning()) {
         LOGGER_DEBUG(kComponent, "app has already launched, return\n");
@@ -116,12 +117,13 @@ int main(int argc, char **argv)
     }
     initializeLanguage(app);
 
-    Launcher launcher;
-    launcher.Run();
-    launcher.Start();
+    auto launcher = std::make_unique<Launcher>();
+    launcher->Run();
+    launcher->Start();
     int status = 0;
     do {
         status = QApplication::exec();
     } while (!RunKeeper::IsRunOver()); // a session manager, too, may end the loop
+    launcher.reset();
     return status;
 }

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "service/linux/start-script.h"
@@ -15,7 +16,8 @@ constexpr char kMark[] = "BRIMLOCK_LAUNCHER_STARTED_OVER";
 constexpr unsigned int kDisplaySeconds = 5;
 constexpr unsigned int kEndSeconds = 3;
 constexpr useconds_t kPollMicroseconds = 10000;
-constexpr int kCrashes[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV};
+constexpr char kNothingStarted[] = "launcher: could not be started, with the display or without\n";
+constexpr int kCrashes[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
 
 // What follows is used by signal handlers: nothing here allocates, locks or logs.
 
@@ -28,7 +30,9 @@ sigset_t startMask;
 [[noreturn]] void StartOver()
 {
     if (startOverEnvironment == nullptr) {
-        _exit(0); // it was not the display
+        // It was not the display.
+        [[maybe_unused]] const ssize_t said = write(STDERR_FILENO, kNothingStarted, sizeof kNothingStarted - 1);
+        _exit(0);
     }
     alarm(0); // it would outlive what follows
     sigprocmask(SIG_SETMASK, &startMask, nullptr);
@@ -70,7 +74,18 @@ void Handle(int number, void (*handler)(int))
 {
     struct sigaction action = {};
     action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
     sigaction(number, &action, nullptr);
+}
+// What is opened later must not become a standard stream that the caller has closed: messages would go into it. The
+// client finds them closed as they were.
+void OccupyStandardStreams()
+{
+    int fd = STDIN_FILENO;
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    }
+    close(fd);
 }
 } // namespace
 
@@ -83,6 +98,8 @@ RunKeeper::RunKeeper() : mark(std::string(kMark) + "=" + std::to_string(getpid()
     const char *marked = getenv(kMark);
     mayUseDisplay = marked == nullptr || marked != mark.substr(sizeof kMark);
     unsetenv(kMark);
+    OccupyStandardStreams();
+    Handle(SIGALRM, SIG_IGN); // which drops one that somebody else has set
     sigset_t alarms;
     sigemptyset(&alarms);
     sigaddset(&alarms, SIGALRM);
