@@ -1,5 +1,6 @@
 #include "service/cloud-service.h"
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -88,27 +89,29 @@ private:
     DIR_HANDLE &handle;
 };
 
-// What the journal is to know of the app folder before anything happens to it.
-UpgradeJournal::Record RecordOf(const std::string &appFolder)
+uint64_t MtimeNanoseconds(const struct stat &status)
 {
-    UpgradeJournal::Record record;
-    struct stat status = {};
-    if (lstat(appFolder.c_str(), &status) == 0) {
-        record.old_device = status.st_dev;
-        record.old_inode = status.st_ino;
-    }
-    return record;
+    return static_cast<uint64_t>(status.st_mtim.tv_sec) * 1000000000 + static_cast<uint64_t>(status.st_mtim.tv_nsec);
 }
 
-// Whether the path names the app folder that the record tells of. The kernel may number its devices anew at a boot:
-// then nothing on this disk has the recorded number, and among the names of one folder the inode is enough.
-bool IsRecorded(const std::string &path, const UpgradeJournal::Record &record)
+// What the journal is to know of the app folder before anything happens to it. Returns 0, also when there is none, or
+// -1 with errno set when that cannot be told.
+int LookAt(const std::string &appFolder, UpgradeJournal::Record &record)
 {
     struct stat status = {};
-    struct stat parent = {};
-    return record.old_inode != 0 && lstat(path.c_str(), &status) == 0 && status.st_ino == record.old_inode &&
-           (status.st_dev == record.old_device ||
-            (stat(FSParentPath(path).c_str(), &parent) == 0 && parent.st_dev != record.old_device));
+    if (lstat(appFolder.c_str(), &status) != 0) {
+        return errno == ENOENT ? 0 : -1;
+    }
+    record.old_device = status.st_dev;
+    record.old_inode = status.st_ino;
+    record.old_mtime_ns = MtimeNanoseconds(status);
+    return 0;
+}
+
+bool IsRecorded(const struct stat &status, const UpgradeJournal::Record &record)
+{
+    return (status.st_dev == record.old_device && status.st_ino == record.old_inode) ||
+           MtimeNanoseconds(status) == record.old_mtime_ns;
 }
 
 // Asks the file system itself where its folders do not tell what is in them.
@@ -216,7 +219,11 @@ int Service::CopyPackage()
     LOGGER_INFO(kComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
 
     // A package that is replaced meanwhile gives a copy of neither.
-    const auto shipped = [&] { return std::pair(TreeFingerprint(src), TreeFingerprint(versionFile)); };
+    const auto shipped = [&] {
+        const std::string parent = FSParentPath(src);
+        return std::array{TreeFingerprint(src), TreeFingerprint(versionFile), EntryFingerprint(parent),
+                          EntryFingerprint(FSParentPath(parent))};
+    };
     const auto before = shipped();
     const int result = FSCopyPath(src, dst);
     if (result == 0 && shipped() != before) {
@@ -246,10 +253,17 @@ int Service::PrepareUserEnv()
     // What is written beside the app folder comes before the copy, which would make the folder too.
     QDir().mkpath(QString::fromStdString(FSParentPath(app_path)));
     const UpgradeJournal journal(RegisteredPath(path_key::kUserBrimlock));
-    UpgradeJournal::Record record = RecordOf(app_path);
+    UpgradeJournal::Record record;
+    if (LookAt(app_path, record) != 0) {
+        LOGGER_ERROR(kComponent, "cannot look at '%s': %s (%d)\n", app_path.c_str(), strerror(errno), errno);
+        return -1;
+    }
     if (journal.Write(record) != 0) {
-        LOGGER_WARNING(kComponent, "cannot write '%s', upgrading without: %s (%d)\n", journal.Path().c_str(),
-                       strerror(errno), errno);
+        LOGGER_NOTE(kComponent, "cannot write '%s', upgrading without: %s (%d)\n", journal.Path().c_str(),
+                    strerror(errno), errno);
+        if (journal.Remove() != 0) {
+            return -1; // one of an earlier upgrade must not speak for this one
+        }
     }
     std::string backup;
     if (IsFileExist(app_path, false)) {
@@ -293,21 +307,19 @@ int Service::FillAppFolder()
 {
     // Open before the first byte is written: a failure to write back is told to those who were there.
     const ScopedFd disk(open(FSParentPath(app_path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (CopyPackage() != 0) {
-        return -1;
-    }
-    if (!disk.valid() || syncfs(disk.get()) != 0) {
+    const int result = disk.valid() ? CopyPackage() : 0;
+    if (result == 0 && (!disk.valid() || syncfs(disk.get()) != 0)) {
         LOGGER_ERROR(kComponent, "failed to flush '%s': %s (%d)\n", app_path.c_str(), strerror(errno), errno);
         return -1;
     }
-    return 0;
+    return result;
 }
 
 int Service::PutInPlace(const std::string &old) const
 {
     int result = -1;
     // Twice, because an error that passes must not cost anybody the client.
-    for (int attempt = 0; attempt < 2 && result != 0; ++attempt) {
+    for (int attempt = 0; attempt < 2 && result != 0 && IsFileExist(old, false); ++attempt) {
         FSRemove(app_path, false);
         result = FSRename(old, app_path, false);
     }
@@ -351,15 +363,19 @@ int Service::PutRight(const UpgradeJournal &journal) const
     switch (journal.Read(record)) {
     case UpgradeJournal::NONE:
         return 0;
+    case UpgradeJournal::UNREADABLE:
+        LOGGER_ERROR(kComponent, "cannot read '%s': %s (%d)\n", journal.Path().c_str(), strerror(errno), errno);
+        return -1;
     case UpgradeJournal::MALFORMED:
         // It is whole before anything is moved, so nothing has been.
         LOGGER_NOTE(kComponent, "'%s' is malformed and stands for nothing\n", journal.Path().c_str());
         break;
     case UpgradeJournal::READ:
-        if ((record.is_installed ? RemoveBackups(record.last_backup) : PutBack(record)) != 0) {
+        if (record.is_installed) {
+            RemoveBackups(record.last_backup); // what does not go now never will
+        } else if (PutBack(record) != 0) {
             LOGGER_ERROR(kComponent, "cannot put right what '%s' tells of\n", journal.Path().c_str());
-            // What is in place is whole when it is only that a backup does not go.
-            return record.is_installed ? 0 : -1;
+            return -1;
         }
         LOGGER_NOTE(kComponent, "an upgrade that was cut short has been put right\n");
         break;
@@ -369,17 +385,18 @@ int Service::PutRight(const UpgradeJournal &journal) const
 
 int Service::PutBack(const UpgradeJournal::Record &record) const
 {
-    std::string old;
-    for (int n = -1; n < kBackupAttempts && old.empty(); ++n) {
+    for (int n = -1; n < kBackupAttempts && record.old_inode != 0; ++n) {
         const std::string candidate = n < 0 ? app_path : GetAppBackupDir(app_path, n);
-        if (IsRecorded(candidate, record)) {
-            old = candidate;
+        struct stat status = {};
+        if (lstat(candidate.c_str(), &status) != 0) {
+            if (errno != ENOENT) {
+                return -1; // it may be the one
+            }
+        } else if (IsRecorded(status, record)) {
+            return n < 0 ? 0 : PutInPlace(candidate);
         }
     }
-    if (old == app_path) {
-        return 0;
-    }
-    return old.empty() ? FSRemove(app_path, false) : PutInPlace(old);
+    return FSRemove(app_path, false) == 0 && !IsFileExist(app_path, false) ? 0 : -1;
 }
 
 int Service::BackUp(std::string &backup) const

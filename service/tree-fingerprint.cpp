@@ -12,7 +12,7 @@ struct TreeCloser {
     void operator()(FTS *tree) const { fts_close(tree); }
 };
 
-uint64_t EntryFingerprint(const struct stat &status)
+uint64_t Fingerprint(const struct stat &status)
 {
     const uint64_t parts[] = {status.st_dev, status.st_ino, static_cast<uint64_t>(status.st_size),
                               static_cast<uint64_t>(status.st_ctim.tv_sec),
@@ -31,11 +31,17 @@ uint64_t TreeFingerprint(const std::string &path)
         if (entry->fts_info == FTS_DP) {
             continue; // a folder, on the way back
         }
-        sum += EntryFingerprint(*entry->fts_statp);
+        sum += Fingerprint(*entry->fts_statp);
         struct stat target = {};
         if (entry->fts_info == FTS_SL && stat(entry->fts_accpath, &target) == 0) {
-            sum += EntryFingerprint(target); // which is what is copied
+            sum += Fingerprint(target); // which is what is copied
         }
     }
     return sum;
+}
+
+uint64_t EntryFingerprint(const std::string &path)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 ? Fingerprint(status) : 0;
 }

@@ -10,4 +10,7 @@
 // number too.
 uint64_t TreeFingerprint(const std::string &path);
 
+// The same for a single entry. That of a folder changes when something directly in it is added, removed or renamed.
+uint64_t EntryFingerprint(const std::string &path);
+
 #endif

@@ -3,8 +3,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "fileop/file-op.h"
@@ -13,7 +15,9 @@
 
 namespace
 {
-constexpr mode_t kMode = 0600;
+constexpr mode_t kMode = 0644;      // for the user too, should root have made it
+constexpr size_t kMostBytes = 4096; // more than a journal ever has
+constexpr uint64_t kLastBackupMost = 9;
 
 // Returns false for anything but a decimal number.
 bool ToNumber(const std::string &text, uint64_t &number)
@@ -38,22 +42,52 @@ UpgradeJournal::Found UpgradeJournal::Read(Record &record) const
         return NONE;
     }
     unlink(newPath.c_str());
-    if (!IsFileExist(path, false)) {
-        return NONE;
+    const ScopedFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid()) {
+        return errno == ENOENT ? NONE : errno == ELOOP || errno == ENXIO ? MALFORMED : UNREADABLE;
     }
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0) {
+        return UNREADABLE;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return MALFORMED;
+    }
+    char text[kMostBytes];
+    const ssize_t size = read(file.get(), text, sizeof text);
+    if (size < 0) {
+        return UNREADABLE;
+    }
+    return Parse(std::string(text, static_cast<size_t>(size)), record) ? READ : MALFORMED;
+}
+
+bool UpgradeJournal::Parse(const std::string &text, Record &record)
+{
     Config file;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::string key;
+        std::string value;
+        const int result = file.parse((line += '\n').data(), key, value);
+        if (result == 2) {
+            return false;
+        }
+        if (result == 0) {
+            file[key] = value;
+        }
+    }
     Record read;
     uint64_t isInstalled = 0;
     uint64_t lastBackup = 0;
-    if (file.read(path) != 0 || !ToNumber(file["old_device"], read.old_device) ||
-        !ToNumber(file["old_inode"], read.old_inode) || !ToNumber(file["is_installed"], isInstalled) ||
-        !ToNumber(file["last_backup"], lastBackup) || file["end"] != "yes") {
-        return MALFORMED;
+    if (!ToNumber(file["old_device"], read.old_device) || !ToNumber(file["old_inode"], read.old_inode) ||
+        !ToNumber(file["old_mtime_ns"], read.old_mtime_ns) || !ToNumber(file["is_installed"], isInstalled) ||
+        !ToNumber(file["last_backup"], lastBackup) || lastBackup > kLastBackupMost || file["end"] != "yes") {
+        return false;
     }
     read.is_installed = isInstalled != 0;
     read.last_backup = static_cast<int>(lastBackup);
     record = read;
-    return READ;
+    return true;
 }
 
 int UpgradeJournal::Write(const Record &record) const
@@ -64,6 +98,7 @@ int UpgradeJournal::Write(const Record &record) const
     // The last line tells a whole file from one that a disk has cut short.
     const std::string text = "old_device=" + std::to_string(record.old_device) +
                              "\nold_inode=" + std::to_string(record.old_inode) +
+                             "\nold_mtime_ns=" + std::to_string(record.old_mtime_ns) +
                              "\nis_installed=" + std::to_string(static_cast<int>(record.is_installed)) +
                              "\nlast_backup=" + std::to_string(record.last_backup) + "\nend=yes\n";
     if (WriteNew(text) != 0 || rename(newPath.c_str(), path.c_str()) != 0) {
@@ -93,5 +128,5 @@ int UpgradeJournal::Remove() const
         return 0;
     }
     FSFsync(folder);
-    return unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : -1;
+    return FSRemove(path, false);
 }

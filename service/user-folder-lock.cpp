@@ -4,14 +4,22 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "fileop/file-op.h"
 
 namespace
 {
 constexpr mode_t kMode = 0600;
 constexpr std::chrono::milliseconds kPollInterval(50);
+
+bool LockWhole(int fd)
+{
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    return fcntl(fd, F_OFD_SETLK, &whole) == 0;
+}
 
 // Whether the path still names the file that is open: whoever held the lock before has removed that one.
 bool IsStillThere(int fd, const std::string &path)
@@ -43,8 +51,13 @@ UserFolderLock::Result UserFolderLock::Try()
     if (!opened->valid()) {
         return NOT_LOCKABLE;
     }
-    if (flock(opened->get(), LOCK_EX | LOCK_NB) != 0) {
-        return errno == EWOULDBLOCK ? TAKEN_BY_ANOTHER : NOT_LOCKABLE;
+    struct stat folder = {};
+    if (geteuid() == 0 && stat(FSParentPath(path).c_str(), &folder) == 0 &&
+        fchown(opened->get(), folder.st_uid, folder.st_gid) != 0) {
+        return NOT_LOCKABLE; // root works on a folder whose owner must be able to meet the lock
+    }
+    if (!LockWhole(opened->get())) {
+        return errno == EAGAIN || errno == EACCES || errno == EINTR ? TAKEN_BY_ANOTHER : NOT_LOCKABLE;
     }
     if (!IsStillThere(opened->get(), path)) {
         return TAKEN_BY_ANOTHER; // that is, not free yet: the next try opens the file that is there now

@@ -8,8 +8,9 @@
 #include "fileop/scoped-fd.h"
 
 // The right to change what is in a user's folder. It is a kernel lock on the file "upgrade.lock" in that folder: so
-// every launcher that works on the folder meets it, on another host too (network file systems lock files, not folders),
-// and it goes with the process. The file is there only as long as somebody holds or wants the lock.
+// every launcher that works on the folder meets it, on another host and on the file server too (which share locks of a
+// file's bytes, and no others), and it goes with the process. The file is there only as long as somebody holds or wants
+// the lock.
 class UserFolderLock
 {
 public:

@@ -1,5 +1,6 @@
 #include "service/linux/client-process.h"
 
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -85,9 +86,12 @@ bool ClientProcess::IsSomebodyElse(const std::string &pidFile, const std::string
 
     std::string realFolder = appFolder;
     FSGetRealPath(realFolder);
-    // Unreadable for a process of another user and for one of the kernel's own: both are no client of this user.
+    // A process of another user, or one of the kernel's own, has none to show: neither is this user's client.
     char executable[PATH_MAX] = "";
     const ssize_t length = readlink((processFolder + "/exe").c_str(), executable, sizeof executable);
+    if (length < 0 && errno == EACCES && Signal(0) == 0) {
+        return false; // a process of this user that keeps it to itself
+    }
     if (length > 0 && LiesIn(std::string(executable, static_cast<size_t>(length)), appFolder, realFolder)) {
         return false;
     }
