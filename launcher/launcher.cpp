@@ -12,7 +12,6 @@
 namespace
 {
 const std::string kComponent = "launcher_debug";
-constexpr int kPercent = 100;
 } // namespace
 
 Worker::Worker() : Worker(std::make_unique<LinuxService>()) {}
@@ -62,7 +61,7 @@ void Worker::HandleServicce()
     } else if (mayUpgrade) {
         emit sigShowMsg();
         if (service->HandlePackageUpgrade() == 0) {
-            emit sigUpdateProgress(kPercent, kPercent);
+            emit sigUpdateProgress(ProcessingProgressDialog::kWhole, ProcessingProgressDialog::kWhole);
             emit sigSetLabelText(StrTable::WithClientName(StrTable::CLIENT_READY));
         } else {
             LOGGER_ERROR(kComponent, "Failed to upgrade package\n");
@@ -120,7 +119,7 @@ void Launcher::Start()
 
 void Launcher::LaunchDone()
 {
-    dialog->setValue(kPercent);
+    dialog->setValue(ProcessingProgressDialog::kWhole);
     dialog->hide();
     worker->QuitThread();
     worker->JoinThread();
@@ -129,7 +128,7 @@ void Launcher::LaunchDone()
 
 void Launcher::UpdateProgress(int total, int done)
 {
-    dialog->setValue(done * kPercent / total);
+    dialog->setValue(done * ProcessingProgressDialog::kWhole / total);
 }
 
 void Launcher::SetLabelText(const QString &text)

@@ -41,7 +41,7 @@ void initializeDrivePaths()
 {
     // The resource path of the user's copy is the app folder itself: that is where its version file lies. The
     // predecessor has these two keys on purpose and no others: LogStartMarker() shows the rest as the empty
-    // paths that log readers expect.
+    // paths that the log has always had.
     const std::pair<const char *, const char *> userPaths[] = {
         {path_key::kUserBrimlock, "/.Brimlock"},
         {path_key::kUserBrimlockApp, "/.Brimlock/Brimlock.app"},
@@ -60,7 +60,7 @@ void initializeDrivePaths()
                    QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/..")));
 }
 
-// Marks in the log that start-up has come this far. Log readers know these lines with no more than a path's
+// Marks in the log that start-up has come this far. A line shows no more than a path's
 // first character, which is what "%s" makes of a wide string; the keys that nothing sets show as empty.
 void LogStartMarker()
 {

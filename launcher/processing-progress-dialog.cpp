@@ -13,7 +13,6 @@
 namespace
 {
 constexpr double kWidthAtScaleOne = 400.0;
-constexpr int kPercent = 100;
 } // namespace
 
 ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr, Qt::WindowFlags())
@@ -26,7 +25,7 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr, 
     setWindowIcon(QIcon(icon));
     setWindowFlags(Qt::WindowTitleHint | Qt::WindowSystemMenuHint);
     setValue(0);
-    setRange(0, kPercent);
+    setRange(0, kWhole);
     setLabelText(StrTable::WithClientName(StrTable::CLIENT_INITIALIZING));
     setFont(font);
     // Whoever shows the dialog by itself gets it modal; Launcher, which has no other window, undoes it.

@@ -9,6 +9,8 @@ class ProcessingProgressDialog : public QProgressDialog
 {
     Q_OBJECT
 public:
+    static constexpr int kWhole = 100; // percent
+
     ProcessingProgressDialog();
 
     // Escape asks for this; nothing happens.
