@@ -32,7 +32,7 @@ namespace
 {
 namespace fs = std::filesystem;
 
-constexpr char kComponent[] = "service_debug";
+const std::string kComponent = "service_debug";
 constexpr int kFilesPerFolder = 250;
 
 void Require(bool holds, const std::string &what)
