@@ -61,7 +61,7 @@ TEST_F(FileOpTest, ARecordTellsWhatIsThereWithoutFollowingLinks)
 
 TEST_F(FileOpTest, CopiesBytesAndChoosesTheMode)
 {
-    umask(022);
+    umask(002);
     std::string bytes(20000, 'b');
     std::generate(bytes.begin(), bytes.end(), rand);
     WriteFile(Path("src"), bytes, 0775);
@@ -74,7 +74,7 @@ TEST_F(FileOpTest, CopiesBytesAndChoosesTheMode)
     EXPECT_EQ(FSCopy(Path("link"), Path("followed"), true, true), 0);
     Shell(
         "cmp dst followed && test ! -e never -a ! -L link && test \"$(stat -c %a dst kept plain followed | xargs)\" = "
-        "'600 755 644 755'"); // of a link the bytes behind it, and its own mode
+        "'600 775 644 775'"); // of a link the bytes behind it, and its own mode
     EXPECT_EQ(ReadFile(Path("dst")), bytes);
 
     // A pipe that holds half a piece, and is emptied by a signal in the middle of each write.
