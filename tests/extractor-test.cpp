@@ -14,14 +14,10 @@ namespace
 class ExtractorTest : public ScratchTest
 {
 protected:
-    ExtractorTest()
-    {
-        StrTable::InitStrTable();
-        alarm(60); // a FIFO whose writer never comes must not hold up the tests
-    }
-
     Extractor Of(const std::string &source, const std::string &target) const
     {
+        alarm(60); // a FIFO whose writer never comes must not hold up the tests
+        StrTable::InitStrTable();
         Extractor extractor;
         extractor.SetSource(source.empty() ? "" : Path(source));
         extractor.SetTarget(Path(target));
@@ -46,20 +42,20 @@ TEST_F(ExtractorTest, ReportsLabelAndOneStepForEachEntry)
 
 TEST_F(ExtractorTest, CopiesTheDataOfAnEntryIntoItsPlaces)
 {
-    Shell("head -c 300000 /dev/urandom >f; truncate -s 1M f; echo end >>f; tar -Scf a f; head -c 200000 a >cut");
-    for (const auto &[source, result] : {std::pair("a", 0), {"cut", -1}}) {
-        const std::unique_ptr<archive, int (*)(archive *)> reader(archive_read_new(), archive_read_free);
-        const std::unique_ptr<archive, int (*)(archive *)> writer(archive_write_disk_new(), archive_write_free);
-        archive_read_support_format_all(reader.get());
-        archive_read_open_filename(reader.get(), Path(source).c_str(), 10240);
-        archive_entry *entry = nullptr;
-        ASSERT_EQ(archive_read_next_header(reader.get(), &entry), ARCHIVE_OK);
-        archive_entry_set_pathname(entry, Path("copy").c_str());
-        archive_write_header(writer.get(), entry);
-        EXPECT_EQ(Extractor().copy_data(reader.get(), writer.get()), result) << source;
-        EXPECT_TRUE(result != 0 || ReadFile(Path("copy")) == ReadFile(Path("f")));
-    }
-    EXPECT_EQ(Logged("archive_read_data_block failed: 'Truncated tar archive"), 1);
+    Shell("head -c 300000 /dev/urandom >f; truncate -s 1M f; echo end >>f; tar -Scf a f");
+    const std::unique_ptr<archive, int (*)(archive *)> reader(archive_read_new(), archive_read_free);
+    archive_read_support_format_all(reader.get());
+    archive_read_open_filename(reader.get(), Path("a").c_str(), 10240);
+    archive_entry *entry = nullptr;
+    archive_read_next_header(reader.get(), &entry);
+    archive_entry_set_pathname(entry, Path("copy").c_str());
+    const std::unique_ptr<archive, int (*)(archive *)> writer(archive_write_disk_new(), archive_write_free);
+    archive_write_header(writer.get(), entry);
+    EXPECT_EQ(Extractor().copy_data(reader.get(), writer.get()), 0);
+    Shell("tar -xf a; cmp f copy");
+    archive_read_close(reader.get());
+    EXPECT_EQ(Extractor().copy_data(reader.get(), writer.get()) + Extractor().copy_data(nullptr, writer.get()), -2);
+    EXPECT_EQ(Logged("archive_read_data_block failed: '") + Logged(": Invalid Argument\n"), 2) << Log();
 }
 
 TEST_F(ExtractorTest, ReplacesWhatIsThereAndRestoresNoOwnersTimesOrModes)
@@ -112,6 +108,6 @@ TEST_F(ExtractorTest, CountsAndListsAlsoWhatComesOnce)
     };
     EXPECT_EQ(InChild(listing), 0);
     EXPECT_EQ(ReadFile(Path("listed")), "one\ntwo\none\ntwo\n");
-    EXPECT_EQ(Of("", "out").Extract() + Of("", "out").Count() + Extractor().copy_data(nullptr, nullptr), -3);
-    EXPECT_TRUE(Logged(": Invalid argument\n") == 2 && Logged(": Invalid Argument\n") == 2) << Log();
+    EXPECT_EQ(Of("", "out").Extract() + Of("", "out").Count(), -2);
+    EXPECT_TRUE(Logged(": Invalid argument\n") == 2 && Logged(": Invalid Argument\n") == 1) << Log();
 }
