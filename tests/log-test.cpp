@@ -9,7 +9,7 @@
 namespace
 {
 constexpr size_t kStampBytes = 20;
-constexpr size_t kRotateBytes = 5 * 1024 * 1024;
+constexpr size_t kRotateBytes = size_t{5} * 1024 * 1024;
 constexpr int kLines = 40000;
 
 void Say(const std::string &text, Logger::Level level = Logger::ERROR)
@@ -49,7 +49,7 @@ TEST(LogDeathTest, EachSinkHasItsForm)
 TEST_F(LogTest, TellsTheLocalTimeOfThisVerySecond)
 {
     // The third line has the zone of the second, but not its time.
-    for (const auto &[hours, nap] : {std::pair(5, 0), {-7, 1}, {-7, 0}}) {
+    for (const auto &[hours, nap] : {std::pair(5L, 0), {-7, 1}, {-7, 0}}) {
         WriteFile(LogPath(), "");
         setenv("TZ", ("ZONE" + std::to_string(-hours)).c_str(), 1);
         const time_t earliest = time(nullptr);

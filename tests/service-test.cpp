@@ -149,7 +149,8 @@ TEST_F(ServiceTest, APackageThatChangesWhileItIsCopiedIsNotInstalled)
                                      "cp larkspire/INFO ..", "cp -r larkspire x; mv larkspire y; mv x larkspire"}) {
         Shell("truncate -s 60M opt/package/larkspire/large; sleep 0.02");
         std::thread meanwhile([&] {
-            while (!fs::exists(app + "/large")) {
+            for (int tries = 0; tries < kWaitMilliseconds && !fs::exists(app + "/large"); ++tries) {
+                usleep(1000);
             }
             Shell("cd opt/package; " + change);
         });
