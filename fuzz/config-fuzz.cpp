@@ -5,11 +5,6 @@
 #include "fuzz/scratch.h"
 #include "service/config/config.h"
 
-static bool IsPrintable(unsigned char byte)
-{
-    return byte >= 0x20 && byte != 0x7F;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     static const std::string path = Scratch() / "input";
@@ -24,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     Require(config.entries.count("earlier") == 1);
     for (const auto &[key, value] : config.entries) {
         Require(std::all_of(key.begin(), key.end(), is_key_char));
-        Require(std::all_of(value.begin(), value.end(), IsPrintable));
+        Require(std::all_of(value.begin(), value.end(), is_value_char));
         // No value needs both quotes and a blank.
         const auto has = [&value = value](char byte) { return value.find(byte) != std::string::npos; };
         const std::string quote = !has('"') ? "\"" : !has('\'') ? "'" : "";

@@ -9,6 +9,6 @@ for client in base/app:1000 opt/package/larkspire:1001; do
     printf '#!/bin/sh\necho %s $1 >>"%s/started"\n' $build "$PWD" >$folder/package/start-stop
     chmod 755 $folder/ui $folder/package/start-stop
 done
-mkdir -p $folder/lib/deep $folder/empty
-printf '\0binary' >$folder/lib/deep/data
+mkdir -p $folder/lib/.deep $folder/empty
+printf '\0binary' >$folder/lib/.deep/data
 cp $folder/INFO opt

@@ -1,23 +1,25 @@
 #include "launcher/strings/str-table.h"
 
+#include <algorithm>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QRegularExpression>
 #include <QResource>
 #include <QTranslator>
-#include <QXmlStreamReader>
 
 #include "tests/support.h"
 
 namespace
 {
-// The numbers of a text's markers, in order; 0 for a percent sign that is no marker.
-std::multiset<int> Markers(const QString &text)
+// The numbers of a text's markers, sorted; 0 for a percent sign that is no marker.
+std::string Markers(const QString &text)
 {
-    std::multiset<int> markers;
+    std::string markers;
     for (auto it = QRegularExpression("%(\\d*)").globalMatch(text); it.hasNext();) {
-        markers.insert(it.next().captured(1).toInt());
+        markers += std::to_string(it.next().captured(1).toInt());
     }
+    std::sort(markers.begin(), markers.end());
     return markers;
 }
 } // namespace
@@ -31,12 +33,9 @@ TEST(StringsTest, TheTableIsWhole)
         const QString text = StrTable::stab[id];
         EXPECT_EQ(StrTable::LookupStrID(key.toUpper()), id) << "a key that comes twice: " << key.toStdString();
         EXPECT_FALSE(text.isEmpty() || text == key || text.contains('\n') || text.contains('\t')) << key.toStdString();
-        const std::multiset<int> all = Markers(text);
-        const std::set<int> markers(all.begin(), all.end());
-        withArgument += static_cast<int>(markers.count(1));
-        EXPECT_TRUE(markers.empty() || (*markers.begin() == 1 && *markers.rbegin() <= 4 &&
-                                        *markers.rbegin() == static_cast<int>(markers.size())))
-            << "a gap in the markers of " << key.toStdString();
+        const std::string markers = Markers(text);
+        withArgument += markers.empty() ? 0 : 1;
+        EXPECT_TRUE(std::regex_match(markers, std::regex("(1+(2+(3+(4+)?)?)?)?"))) << "a gap: " << key.toStdString();
     }
     EXPECT_EQ(withArgument, 124);
     EXPECT_EQ(StrTable::LookupStrID("no_such_key"), -1);
@@ -56,7 +55,7 @@ TEST(StringsTest, TheBundleHoldsEveryLanguageWithItsTextsAndMarkers)
     int argc = 0;
     const QCoreApplication app(argc, nullptr);
     StrTable::InitStrTable();
-    std::set<QString> rows(std::begin(StrTable::stab), std::end(StrTable::stab));
+    const std::set<QString> rows(std::begin(StrTable::stab), std::end(StrTable::stab));
     EXPECT_EQ(qInitResources_texts(), 1) << "a second registration does no harm";
     for (const QFileInfo &file : QDir(":/").entryInfoList(QDir::Files)) {
         const std::string code = file.baseName().toStdString();
@@ -69,22 +68,15 @@ TEST(StringsTest, TheBundleHoldsEveryLanguageWithItsTextsAndMarkers)
             StrTable::WithClientName(531).toStdString(), StrTable::LoadStr(847).toStdString()};
         EXPECT_EQ(found, shown[code]) << code;
         shown.erase(code);
-        for (const char *row : StrTable::stab) {
-            const QString text = translator.translate("global", row);
-            EXPECT_TRUE(text.isEmpty() || Markers(text) == Markers(row)) << code << ": " << row;
+        int translated = 0;
+        for (const QString &row : rows) {
+            const QString text = translator.translate("global", row.toUtf8());
+            translated += text.isEmpty() ? 0 : 1;
+            EXPECT_TRUE(text.isEmpty() || Markers(text) == Markers(row)) << code << ": " << row.toStdString();
         }
-
-        QFile sources(BRIMLOCK_TESTS "/../resources/translations/" + file.baseName() + ".ts");
-        ASSERT_TRUE(sources.open(QIODevice::ReadOnly)) << code;
-        QString context;
-        for (QXmlStreamReader xml(&sources); !xml.atEnd(); xml.readNext()) {
-            if (xml.isStartElement() && xml.name() == "name") {
-                context = xml.readElementText();
-            } else if (xml.isStartElement() && xml.name() == "source" && context == "global") {
-                const QString source = xml.readElementText();
-                EXPECT_EQ(rows.count(source), 1U) << code << " translates what no row says: " << source.toStdString();
-            }
-        }
+        const std::string sources = ReadFile(BRIMLOCK_TESTS "/../resources/translations/" + code + ".ts");
+        EXPECT_EQ(CountOf(sources, "<source>"), translated + 1)
+            << code << ": one is the desktop's, all others are rows";
     }
     EXPECT_TRUE(shown.empty()) << "no " << shown.begin()->first;
 }
