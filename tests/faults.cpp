@@ -110,6 +110,9 @@ pid_t SpawnLauncher(bool isTraced, bool isAlone = false)
             return 99;
         }
         BecomeUnprivileged();
+        if (freopen("stderr", "a", stderr) == nullptr) { // what the toolkit has to say of a bare system
+            return 97;
+        }
         if (isTraced) {
             ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
             raise(SIGSTOP);
