@@ -16,6 +16,7 @@ namespace
 {
 const std::string kGate = "opt/package/larkspire/gate"; // a file that the copying waits for
 const std::string kLog = "home/.Brimlock/log/launcher.log";
+const std::string kDisplays = "/tmp/.X11-unix/X"; // and the number: their sockets
 bool hasOwnNetwork = false;
 
 // The guard's names are those of the network. In one of its own a launcher meets nobody.
@@ -36,20 +37,15 @@ int OpenSocket(const std::string &name, int (*use)(int, const sockaddr *, sockle
     return fd;
 }
 
-std::string DisplaySocket(const std::string &display)
-{
-    return "/tmp/.X11-unix/X" + display.substr(1);
-}
-
-// As a display of this name, passes on what one client says, up to this many bytes. Then it hangs up, or hangs.
+// As the display of this socket, passes on what one client says, up to this many bytes. Then it hangs up, or hangs.
 pid_t StartDisplay(const std::string &name, size_t bytes, bool hangs)
 {
-    const int listener = OpenSocket(DisplaySocket(name), bind);
-    chmod(DisplaySocket(name).c_str(), 0777);
+    const int listener = OpenSocket(name, bind);
+    chmod(name.c_str(), 0777);
     listen(listener, 1);
     const pid_t proxy = Spawn([&]() {
         const int client = accept(listener, nullptr, nullptr);
-        const int ends[] = {client, OpenSocket(DisplaySocket(getenv("DISPLAY")), connect)};
+        const int ends[] = {client, OpenSocket(kDisplays + (getenv("DISPLAY") + 1), connect)};
         pollfd events[] = {{ends[0], POLLIN, 0}, {ends[1], POLLIN, 0}};
         while (bytes > 0 && poll(events, 2, -1) > 0) {
             char data[4096];
@@ -96,7 +92,7 @@ public:
         if (proxy != 0) {
             kill(proxy, SIGKILL);
             Wait(proxy);
-            unlink(DisplaySocket(display).c_str());
+            unlink((kDisplays + display.substr(1)).c_str());
         }
     }
 
@@ -108,12 +104,12 @@ public:
         static int number = getpid() * 100;
         if (c.displayBytes >= 0) {
             display = ":" + std::to_string(++number);
-            proxy = StartDisplay(display, static_cast<size_t>(c.displayBytes), c.displayHangs);
+            proxy = StartDisplay(kDisplays + display.substr(1), static_cast<size_t>(c.displayBytes), c.displayHangs);
         }
         Shell("INFO=opt/INFO BASE=home/.Brimlock APP=$BASE/Brimlock.app PID=$BASE/ui.pid LEVELS=opt/log/launcher.debug "
               "PACKAGE=opt/package/larkspire SCRIPT=$PACKAGE/package/start-stop\n" +
-              c.prepare + "\ntest $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk)");
-        Shell(c.atTheGate.empty() ? "true" : "mkfifo -m 666 " + kGate);
+              c.prepare + "\ntest $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk)" +
+              (c.atTheGate.empty() ? "" : "; mkfifo -m 666 " + kGate)); // before anybody comes to it
         launcher = AsTheUser("L=opt/bin/launcher; " + c.start);
         if (!c.atTheGate.empty()) {
             gate = AsTheUser("exec 3>" + kGate + "; PID=" + std::to_string(launcher) + "; " + c.atTheGate);
