@@ -63,12 +63,12 @@ pid_t StartDisplay(const std::string &name, size_t bytes, bool hangs)
 }
 
 struct Case {
-    std::string prepare = "";      // by a shell, in the scratch folder
+    std::string prepare = {};      // by a shell, in the scratch folder
     std::string client = "new";    // which is started, if any
-    std::string logged = "";       // once
+    std::string logged = {};       // once
     std::string start = "exec $L"; // by the user's shell; $L is the launcher
-    std::string atTheGate = "";    // what happens in the middle of the upgrade; $PID is the launcher
-    std::string says = "";         // the start script, beside its own words
+    std::string atTheGate = {};    // what happens in the middle of the upgrade; $PID is the launcher
+    std::string says = {};         // the start script, beside its own words
     long displayBytes = -1;        // after so many from the launcher a display of its own hangs up
     bool displayHangs = false;     // or hangs
 };
