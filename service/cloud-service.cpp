@@ -254,16 +254,8 @@ int Service::PrepareUserEnv()
     QDir().mkpath(QString::fromStdString(FSParentPath(app_path)));
     const UpgradeJournal journal(RegisteredPath(path_key::kUserBrimlock));
     UpgradeJournal::Record record;
-    if (LookAt(app_path, record) != 0) {
-        LOGGER_ERROR(kComponent, "cannot look at '%s': %s (%d)\n", app_path.c_str(), strerror(errno), errno);
+    if (BeginJournal(journal, record) != 0) {
         return -1;
-    }
-    if (journal.Write(record) != 0) {
-        LOGGER_NOTE(kComponent, "cannot write '%s', upgrading without: %s (%d)\n", journal.Path().c_str(),
-                    strerror(errno), errno);
-        if (journal.Remove() != 0) {
-            return -1; // one of an earlier upgrade must not speak for this one
-        }
     }
     std::string backup;
     if (IsFileExist(app_path, false)) {
@@ -273,34 +265,56 @@ int Service::PrepareUserEnv()
             return -1;
         }
     }
-
-    // The messages speak of extraction whichever way the copy is made.
     if (FillAppFolder() != 0) {
-        if (backup.empty()) {
-            LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
-            return -1;
-        }
-        LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
-        if (PutInPlace(backup) != 0) {
-            LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n", backup.c_str());
-            return -1;
-        }
-        journal.Remove();
+        RollBack(journal, backup);
         return -1;
     }
+    SettleIn(journal, record, backup);
+    return 0;
+}
 
+int Service::BeginJournal(const UpgradeJournal &journal, UpgradeJournal::Record &record) const
+{
+    if (LookAt(app_path, record) != 0) {
+        LOGGER_ERROR(kComponent, "cannot look at '%s': %s (%d)\n", app_path.c_str(), strerror(errno), errno);
+        return -1;
+    }
+    if (journal.Write(record) == 0) {
+        return 0;
+    }
+    LOGGER_NOTE(kComponent, "cannot write '%s', upgrading without: %s (%d)\n", journal.Path().c_str(), strerror(errno),
+                errno);
+    return journal.Remove(); // one of an earlier upgrade must not speak for this one
+}
+
+void Service::RollBack(const UpgradeJournal &journal, const std::string &backup) const
+{
+    // The messages speak of extraction whichever way the copy is made.
+    if (backup.empty()) {
+        LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
+        return;
+    }
+    LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
+    if (PutInPlace(backup) != 0) {
+        LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n", backup.c_str());
+        return;
+    }
+    journal.Remove();
+}
+
+void Service::SettleIn(const UpgradeJournal &journal, UpgradeJournal::Record record, const std::string &backup) const
+{
     record.is_installed = true;
     if (journal.Write(record) != 0 && journal.Remove() != 0) {
         // The next start takes the new copy for a partial one, and must find the old one to put back.
         LOGGER_ERROR(kComponent, "cannot update '%s', keeping '%s': %s (%d)\n", journal.Path().c_str(), backup.c_str(),
                      strerror(errno), errno);
-        return 0;
+        return;
     }
     LOGGER_INFO(kComponent, "user installation is ready, removing backup app\n");
     if (RemoveBackups(record.last_backup) == 0) {
         journal.Remove();
     }
-    return 0;
 }
 
 int Service::FillAppFolder()

@@ -103,10 +103,17 @@ private:
     int PutRight(const UpgradeJournal &journal) const;
     int PutBack(const UpgradeJournal::Record &record) const;
 
-    // The steps of PrepareUserEnv(), 0 being success. What PutInPlace() gets is a name of the old copy, which takes the
-    // place of whatever is in the app folder.
+    // The steps of PrepareUserEnv(), 0 being success. RollBack() undoes a copy that failed, SettleIn() removes the
+    // backups of one that is whole.
+    int BeginJournal(const UpgradeJournal &journal, UpgradeJournal::Record &record) const;
     int FillAppFolder();
+    void RollBack(const UpgradeJournal &journal, const std::string &backup) const;
+    void SettleIn(const UpgradeJournal &journal, UpgradeJournal::Record record, const std::string &backup) const;
+
+    // The old copy, under whatever name, takes the place of what is in the app folder.
     int PutInPlace(const std::string &old) const;
+
+    // Those with the numbers 0 to `last`.
     int RemoveBackups(int last) const;
 
     // Renames the app folder to the first backup name that works, set in `backup`. Returns the name's number,
