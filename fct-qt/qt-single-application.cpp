@@ -2,15 +2,22 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace
 {
 constexpr int kGuardNames = 8;
+constexpr int kFieldsToStartTime = 20;
 constexpr int kListenTries = 20;
 constexpr useconds_t kListenPauseMicroseconds = 1000;
 
@@ -84,6 +91,49 @@ Holder TakeName(int number, int &fd)
     close(fd);
     return Holder::kStranger;
 }
+// When a process was started, in clock ticks since the boot; 0 when it is gone.
+unsigned long long StartTicks(const std::string &process)
+{
+    std::string status;
+    std::getline(std::ifstream(process + "/stat"), status);
+    std::istringstream fields(status.substr(status.rfind(')') + 1)); // behind the program's name, which may hold blanks
+    std::string field;
+    for (int i = 0; i < kFieldsToStartTime; ++i) {
+        fields >> field;
+    }
+    return strtoull(field.c_str(), nullptr, 10);
+}
+
+bool IsSame(const std::string &path, const std::string &other)
+{
+    struct stat status = {};
+    struct stat otherStatus = {};
+    return stat(path.c_str(), &status) == 0 && stat(other.c_str(), &otherStatus) == 0 &&
+           status.st_dev == otherStatus.st_dev && status.st_ino == otherStatus.st_ino;
+}
+
+bool IsOlder(const std::string &process, pid_t pid)
+{
+    const unsigned long long started = StartTicks(process);
+    return started != 0 && std::pair(started, pid) < std::pair(StartTicks("/proc/self"), getpid());
+}
+
+// Whether this user already runs this program, as the list of processes has it. Of two, one is the older.
+bool HasOlderTwin()
+{
+    std::error_code none;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", none)) {
+        const std::string process = entry.path().string();
+        const pid_t pid = atoi(entry.path().filename().c_str());
+        struct stat status = {};
+        if (pid > 0 && stat(process.c_str(), &status) == 0 && status.st_uid == getuid() &&
+            IsSame(process + "/exe", "/proc/self/exe") && IsSame(process + "/ns/net", "/proc/self/ns/net") &&
+            IsOlder(process, pid)) {
+            return true;
+        }
+    }
+    return false;
+}
 } // namespace
 
 PlatformChoice::PlatformChoice(bool wantsDisplay)
@@ -140,6 +190,7 @@ bool QtSingleApplication::isRunning()
 // one meets the other, and never both: the first name that they can have at all decides.
 bool QtSingleApplication::TakeGuard()
 {
+    bool hasMetStranger = false;
     for (int number = 0; number < kGuardNames; ++number) {
         int fd = -1;
         const Holder holder = TakeName(number, fd);
@@ -150,6 +201,12 @@ bool QtSingleApplication::TakeGuard()
         if (holder == Holder::kUs) {
             guard.push_back(fd);
         }
+        hasMetStranger = hasMetStranger || holder == Holder::kStranger;
+    }
+    // Who takes all the names, or floods them so that they do not answer, hides no launcher.
+    if (hasMetStranger && HasOlderTwin()) {
+        DropGuard();
+        return false;
     }
     return true;
 }
