@@ -1,6 +1,5 @@
 #include <chrono>
 #include <clocale>
-#include <thread>
 
 #include "tests/install-support.h"
 
@@ -150,15 +149,9 @@ TEST_F(ServiceTest, APackageThatChangesWhileItIsCopiedIsNotInstalled)
     for (const std::string change : {"touch larkspire/new", "rm larkspire/lib/.deep/data",
                                      "touch larkspire/lib/.deep/data", "cp larkspire/ui x; mv x larkspire/ui",
                                      "cp larkspire/INFO ..", "cp -r larkspire x; mv larkspire y; mv x larkspire"}) {
-        Shell("truncate -s 60M opt/package/larkspire/large; sleep 0.02");
-        std::thread meanwhile([&] {
-            for (int tries = 0; tries < kWaitMilliseconds && !fs::exists(app + "/large"); ++tries) {
-                usleep(1000);
-            }
-            Shell("cd opt/package; " + change);
-        });
+        // The copying waits for the gate's other end, and that for the change.
+        Shell("cd opt/package; mkfifo larkspire/gate; timeout 30 sh -c 'exec 3>larkspire/gate; " + change + "' & true");
         EXPECT_EQ(service.PrepareUserEnv(), -1) << change;
-        meanwhile.join();
         EXPECT_EQ(Tree(Path("base")), old) << change;
         Shell("rm -rf opt; . '" BRIMLOCK_TESTS "/install.sh'");
     }
