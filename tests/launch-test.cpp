@@ -266,7 +266,11 @@ TEST(LaunchTest, WarnsOfAStartScriptThatDoesNotReturn)
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    unsetenv("QT_QPA_PLATFORM");
+    // Nothing of the developer's desktop.
+    for (const char *variable : {"QT_QPA_PLATFORM", "LANGUAGE", "WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP"}) {
+        unsetenv(variable);
+    }
+    setenv("LC_ALL", "C", 1);
     hasOwnNetwork = EnterOwnNetwork();
     return RUN_ALL_TESTS();
 }
