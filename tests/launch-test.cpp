@@ -23,8 +23,12 @@ bool hasOwnNetwork = false;
 bool EnterOwnNetwork()
 {
     const std::string user = std::to_string(getuid());
+    const std::string group = std::to_string(getgid());
     const bool hasEntered = unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) == 0;
-    std::ofstream("/proc/self/uid_map") << user << " " << user << " 1"; // refused where it is not needed
+    // As who they were; refused where it is not needed.
+    std::ofstream("/proc/self/uid_map") << user << " " << user << " 1";
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/gid_map") << group << " " << group << " 1";
     return hasEntered;
 }
 
@@ -110,18 +114,18 @@ public:
               "PACKAGE=opt/package/larkspire SCRIPT=$PACKAGE/package/start-stop\n" +
               c.prepare + "\ntest $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk)" +
               (c.atTheGate.empty() ? "" : "; mkfifo -m 666 " + kGate)); // before anybody comes to it
-        launcher = AsTheUser("L=opt/bin/launcher; " + c.start);
+        launcher = AsTheUser("L=opt/bin/launcher; " + c.start, isAlone);
         if (!c.atTheGate.empty()) {
-            gate = AsTheUser("exec 3>" + kGate + "; PID=" + std::to_string(launcher) + "; " + c.atTheGate);
+            gate = AsTheUser("exec 3>" + kGate + "; PID=" + std::to_string(launcher) + "; " + c.atTheGate, false);
         }
     }
 
-    pid_t AsTheUser(const std::string &command)
+    pid_t AsTheUser(const std::string &command, bool entersOwnNetwork)
     {
         return Spawn([&]() -> int {
             setenv("HOME", Path("home").c_str(), 1);
             setenv("DISPLAY", display.c_str(), 1);
-            if (isAlone) {
+            if (entersOwnNetwork) {
                 EnterOwnNetwork();
             }
             BecomeUnprivileged();
