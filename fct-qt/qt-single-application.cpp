@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <sys/socket.h>
@@ -14,10 +12,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "fct-qt/process-start.h"
+
 namespace
 {
 constexpr int kGuardNames = 8;
-constexpr int kFieldsToStartTime = 20;
 constexpr int kListenTries = 20;
 constexpr useconds_t kListenPauseMicroseconds = 1000;
 
@@ -91,19 +90,6 @@ Holder TakeName(int number, int &fd)
     close(fd);
     return Holder::kStranger;
 }
-// When a process was started, in clock ticks since the boot; 0 when it is gone.
-unsigned long long StartTicks(const std::string &process)
-{
-    std::string status;
-    std::getline(std::ifstream(process + "/stat"), status);
-    std::istringstream fields(status.substr(status.rfind(')') + 1)); // behind the program's name, which may hold blanks
-    std::string field;
-    for (int i = 0; i < kFieldsToStartTime; ++i) {
-        fields >> field;
-    }
-    return strtoull(field.c_str(), nullptr, 10);
-}
-
 bool IsSame(const std::string &path, const std::string &other)
 {
     struct stat status = {};
@@ -114,8 +100,8 @@ bool IsSame(const std::string &path, const std::string &other)
 
 bool IsOlder(const std::string &process, pid_t pid)
 {
-    const unsigned long long started = StartTicks(process);
-    return started != 0 && std::pair(started, pid) < std::pair(StartTicks("/proc/self"), getpid());
+    const std::optional<uint64_t> started = ProcessStartTicks(process);
+    return started && std::pair(started, pid) < std::pair(ProcessStartTicks("/proc/self"), getpid());
 }
 
 // Whether this user already runs this program, as the list of processes has it. Of two, one is the older.

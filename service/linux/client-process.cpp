@@ -14,15 +14,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "fct-qt/process-start.h"
 #include "fileop/file-op.h"
 
 namespace
 {
 // How much later than its pid file a client may seem to have been started: clocks are coarse and are set.
 constexpr double kStartTolerance_s = 2;
-
-// In /proc/<pid>/stat, counted from the state, which follows the program's name in brackets.
-constexpr int kFieldsBeforeStartTime = 19;
 
 std::optional<std::string> ReadWhole(const std::string &path)
 {
@@ -43,23 +41,15 @@ double Now(clockid_t clock)
     return Seconds(now);
 }
 
-// When the process was started, in seconds since the epoch.
+// When the process was started, in seconds since the epoch; nothing when that cannot be told.
 std::optional<double> StartTime(const std::string &processFolder)
 {
-    const std::optional<std::string> status = ReadWhole(processFolder + "/stat");
-    if (!status || status->rfind(')') == std::string::npos) {
+    const std::optional<uint64_t> ticks = ProcessStartTicks(processFolder);
+    if (!ticks) {
         return std::nullopt;
     }
-    std::istringstream fields(status->substr(status->rfind(')') + 1));
-    std::string skipped;
-    for (int i = 0; i < kFieldsBeforeStartTime; ++i) {
-        fields >> skipped;
-    }
-    double ticksAfterBoot = 0;
-    if (!(fields >> ticksAfterBoot)) {
-        return std::nullopt;
-    }
-    return Now(CLOCK_REALTIME) - Now(CLOCK_BOOTTIME) + ticksAfterBoot / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return Now(CLOCK_REALTIME) - Now(CLOCK_BOOTTIME) +
+           static_cast<double>(*ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 bool LiesIn(const std::string &path, const std::string &folder, const std::string &realFolder)
