@@ -82,15 +82,21 @@ bool MakeAllLevels(const std::string &path)
     }
 }
 
-// Returns 0, -1 or, when the disk is full or over quota, -2.
+// Logs why a write failed. Returns -1 or, when the disk is full or over quota, -2.
+int WriteFailure()
+{
+    const int result = errno == ENOSPC || errno == EDQUOT ? -2 : -1;
+    LOGGER_ERROR(kFileOpComponent, "CopyFile: write: %s (%d)\n", strerror(errno), errno);
+    return result;
+}
+
+// Returns 0 or what WriteFailure() returns.
 int WriteAll(int fd, const char *bytes, size_t size)
 {
     while (size > 0) {
         const ssize_t written = write(fd, bytes, size);
         if (written <= 0) {
-            const int result = errno == ENOSPC || errno == EDQUOT ? -2 : -1;
-            LOGGER_ERROR(kFileOpComponent, "CopyFile: write: %s (%d)\n", strerror(errno), errno);
-            return result;
+            return WriteFailure();
         }
         bytes += written;
         size -= static_cast<size_t>(written);
@@ -166,11 +172,14 @@ int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bo
         }
         mode = info.mode;
     }
-    const ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
+    ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
     if (!out.valid()) {
         return -1;
     }
-    const int result = CopyBytes(in.get(), out.get());
+    int result = CopyBytes(in.get(), out.get());
+    if (result == 0 && !out.Close()) {
+        result = WriteFailure();
+    }
     if (result != 0 || !removeSource) {
         return result;
     }

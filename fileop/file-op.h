@@ -83,8 +83,8 @@ bool hasFilePermission(const std::string &path, int mode);
 // Copies the bytes of one file, following a link; times, owner and attributes are left alone, and nothing is
 // flushed to disk. A new `dst` gets the source's permission bits with keepMode (a link's own, for a link),
 // else 0644, less the umask; an existing one is truncated and keeps its own. With removeSource the source is
-// removed after a complete copy. -1: open, stat, read or write failed, or the source could not be removed.
-// -2: disk full or over quota. A partly written `dst` stays: the caller holds the backup and decides.
+// removed after a complete copy. -1: open, stat, read, write or close failed, or the source could not be
+// removed. -2: disk full or over quota. A partly written `dst` stays: the caller holds the backup and decides.
 int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bool keepMode);
 
 // Creates the folder (0777 less the umask), with `recursive` also its missing ancestors, passing through

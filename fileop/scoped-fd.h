@@ -18,6 +18,15 @@ public:
     bool valid() const { return fd >= 0; }
     int get() const { return fd; }
 
+    // Closes it now. Returns false with errno set when close() fails: some file systems report a failed write only
+    // then.
+    bool Close()
+    {
+        const int closing = fd;
+        fd = -1;
+        return close(closing) == 0;
+    }
+
     // Closes it now.
     void reset()
     {

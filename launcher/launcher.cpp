@@ -58,18 +58,23 @@ void Worker::HandleServicce()
     service->PreUpgrade();
     if (!service->IsNeedUpgrade()) {
         LOGGER_DEBUG(kComponent, "no need to upgrade\n");
-    } else if (mayUpgrade) {
-        emit sigShowMsg();
-        if (service->HandlePackageUpgrade() == 0) {
+    } else {
+        bool isUpgraded = false;
+        if (mayUpgrade) {
+            emit sigShowMsg();
+            isUpgraded = service->HandlePackageUpgrade() == 0;
+        }
+        if (isUpgraded) {
             emit sigUpdateProgress(ProcessingProgressDialog::kWhole, ProcessingProgressDialog::kWhole);
             emit sigSetLabelText(StrTable::WithClientName(StrTable::CLIENT_READY));
         } else {
+            // Also when the upgrade was not tried: administrators count the persons who are left behind by this line.
             LOGGER_ERROR(kComponent, "Failed to upgrade package\n");
         }
     }
-    service->CloseUserFolder();
     service->RemoveAgedFolders();
     service->PostUpgrade();
+    service->CloseUserFolder();
     LOGGER_DEBUG(kComponent, "done\n");
     RunKeeper::RunEnds();
     emit sigServiceDone();

@@ -2,12 +2,14 @@
 #define BRIMLOCK_SERVICE_CLOUD_SERVICE_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include <QString>
 
-#include "service/upgrade-journal.h"
-#include "service/user-folder-lock.h"
+#include "service/app-folder.h"
+
+class SourceSnapshot;
 
 // Whether XDG_CURRENT_DESKTOP is exactly "Deepin".
 bool IsUOSDesktop();
@@ -50,31 +52,34 @@ public:
     // Two ways to fill the app folder: from the package archive, and from the unpacked package folder. 0, or
     // negative with what was written so far left in place.
     virtual int ExtractPackage();
+
+    // kPackageChanged, with one ERROR line: the package was replaced while it was copied, so the copy mixes two of
+    // them.
     virtual int CopyPackage();
+    static constexpr int kPackageChanged = -2;
 
     // Fill source_version from the user's copy and target_version from the shipped one. A key that the file
     // lacks leaves its field as it was.
     virtual void LoadSourceVersion();
     virtual void LoadTargetVersion();
 
-    // Moves the app folder aside to a free backup name and fills it anew through CopyPackage(). 0: the new
-    // copy is in place and on disk, and the backups are removed. -1: nothing has changed (no backup could be made), or
-    // the old copy is back under its name; without an old copy, what was written of the new one stays. The journal
-    // outlives a failure that leaves the app folder in a state not to be trusted, for OpenUserFolder() to put right.
+    // Moves the app folder aside to a free backup name and fills it anew through CopyPackage(), up to three times when
+    // the package changes meanwhile. 0: the new copy is in place and on disk, and the backups are removed. -1: nothing
+    // has changed, or the old copy is back in place; without an old copy, what was written of the new one stays. What
+    // an interrupted or failed upgrade leaves in the journal is for the next OpenUserFolder().
     virtual int PrepareUserEnv();
 
     // Moves the predecessor's data into the user's folder and removes the predecessor's folder, also when the
     // data could not be moved.
     virtual void MigrateService();
 
-    // To be called before the versions are looked at. Waits up to 60 s while another launcher works on the user's
-    // folder, keeps others out from then on, and puts right what an upgrade that was cut short has left: the old copy
-    // goes back, a partial one without an old one is removed, backups that are no longer needed go. False: the app
-    // folder is not to be touched in this run, because the other launcher is still at work or something could not be
-    // put right. A folder that cannot be locked is used all the same.
+    // To be called before the versions are loaded. Locks the user's folder, waiting up to 60 s for another launcher,
+    // and finishes or undoes an upgrade that was interrupted. Stops the client before an incomplete copy is removed.
+    // Returns false when the app folder must not be replaced in this run: the other launcher still holds the lock, or
+    // the recovery failed. Logs why. A folder that supports no locks is used without.
     bool OpenUserFolder();
 
-    // Lets other launchers in.
+    // Releases the lock. May be called more than once.
     void CloseUserFolder();
 
     // The folder under which the user's files lie: the home folder, on a Deepin desktop XDG_DATA_HOME if set.
@@ -93,34 +98,26 @@ protected:
     // The path that UIPathManager has under the key, with `rest` behind it; empty, whatever the rest, when it has none.
     static std::string RegisteredPath(const char *key, const char *rest = "");
 
+    // Whether an upgrade is needed whatever the versions say: the app folder may hold an incomplete copy, or that could
+    // not be found out.
+    bool IsUpgradeDue();
+
     int32_t timeout = 0; // milliseconds; nothing waits by it yet
     std::string app_path;
     VersionInfo target_version;
     VersionInfo source_version;
 
 private:
-    // What the journal and the disk say is put right. Returns 0, or -1 with the journal still there.
-    int PutRight(const UpgradeJournal &journal) const;
-    int PutBack(const UpgradeJournal::Record &record) const;
+    // Made at the first call, when a subclass has set app_path.
+    AppFolder &UserAppFolder();
 
-    // The steps of PrepareUserEnv(), 0 being success. RollBack() undoes a copy that failed, SettleIn() removes the
-    // backups of one that is whole.
-    int BeginJournal(const UpgradeJournal &journal, UpgradeJournal::Record &record) const;
-    int FillAppFolder();
-    void RollBack(const UpgradeJournal &journal, const std::string &backup) const;
-    void SettleIn(const UpgradeJournal &journal, UpgradeJournal::Record record, const std::string &backup) const;
+    bool MoveAside(AppFolder &folder);
+    int FillAppFolder(const AppFolder &folder);
 
-    // The old copy, under whatever name, takes the place of what is in the app folder.
-    int PutInPlace(const std::string &old) const;
+    // FSCopyPath() that adds everything to `snapshot`, if there is one, before it is read.
+    int CopyTree(const std::string &src, const std::string &dst, SourceSnapshot *snapshot);
 
-    // Those with the numbers 0 to `last`.
-    int RemoveBackups(int last) const;
-
-    // Renames the app folder to the first backup name that works, set in `backup`. Returns the name's number,
-    // or -1 when none works and the app folder is as it was.
-    int BackUp(std::string &backup) const;
-
-    UserFolderLock userFolder;
+    std::unique_ptr<AppFolder> userAppFolder;
 };
 
 #endif

@@ -1,33 +1,76 @@
 #include "service/upgrade-journal.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <sstream>
+#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "fileop/file-op.h"
 #include "fileop/scoped-fd.h"
-#include "service/config/config.h"
+#include "log/log.h"
+#include "service/folder-owner.h"
 
 namespace
 {
-constexpr mode_t kMode = 0644;      // for the user too, should root have made it
-constexpr size_t kMostBytes = 4096; // more than a journal ever has
-constexpr uint64_t kLastBackupMost = 9;
+const std::string kComponent = "service_debug";
+constexpr mode_t kMode = 0644;
+constexpr size_t kMaxBytes = 4096; // much more than a record has
+constexpr int kFormat = 1;
+const std::string kFormatKey = "format=";
+constexpr const char *kStateNames[] = {"moving", "copying", "installed", "due"}; // in the order of State
 
-// Returns false for anything but a decimal number.
-bool ToNumber(const std::string &text, uint64_t &number)
+// What a damaged file stands for: the app folder may hold a part of a copy, and no backup is known.
+constexpr UpgradeJournal::Record kUnknown = {UpgradeJournal::COPYING, UpgradeJournal::kNoBackup, true};
+
+// Some file systems know no fsync for a folder (EINVAL): there is nothing to flush then.
+bool Flush(int fd)
 {
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
+    return fsync(fd) == 0 || errno == EINVAL;
+}
+
+bool FlushFolder(const std::string &folder)
+{
+    const ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.valid() && Flush(fd.get());
+}
+
+// Whether creating a file has failed because the folder is missing or may not be written.
+bool IsFolderNotWritable(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == EACCES || error == EPERM || error == EROFS;
+}
+
+std::string ToText(const UpgradeJournal::Record &record)
+{
+    const std::string backup = record.backup == UpgradeJournal::kNoBackup ? "none" : std::to_string(record.backup);
+    return kFormatKey + std::to_string(kFormat) + "\nstate=" + kStateNames[record.state] + "\nbackup=" + backup +
+           "\ntrusted=" + (record.is_trusted ? "yes" : "no") + "\n";
+}
+
+// The format of a complete text; 0 for any other text.
+int FormatOf(const std::string &text)
+{
+    const bool isComplete = text.rfind(kFormatKey, 0) == 0 && text.back() == '\n';
+    return isComplete ? atoi(text.c_str() + kFormatKey.size()) : 0;
+}
+
+// There are few records, so the text is compared with each of them. A text that is none of them is damaged.
+UpgradeJournal::Record FromText(const std::string &text)
+{
+    using Journal = UpgradeJournal;
+    for (const auto state : {Journal::MOVING, Journal::COPYING, Journal::INSTALLED, Journal::DUE}) {
+        for (int backup = Journal::kNoBackup; backup < Journal::kBackupNames; ++backup) {
+            for (const bool isTrusted : {false, true}) {
+                const Journal::Record record = {state, backup, isTrusted};
+                if (ToText(record) == text) {
+                    return record;
+                }
+            }
+        }
     }
-    errno = 0;
-    number = strtoull(text.c_str(), nullptr, 10);
-    return errno == 0;
+    return kUnknown;
 }
 } // namespace
 
@@ -36,97 +79,74 @@ UpgradeJournal::UpgradeJournal(const std::string &userFolder)
 {
 }
 
-UpgradeJournal::Found UpgradeJournal::Read(Record &record) const
+UpgradeJournal::ReadResult UpgradeJournal::Read(Record &record) const
 {
-    if (folder.empty()) {
+    const ScopedFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid() && (errno == ENOENT || errno == ENOTDIR)) {
         return NONE;
     }
-    unlink(newPath.c_str());
-    const ScopedFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file.valid()) {
-        return errno == ENOENT ? NONE : errno == ELOOP || errno == ENXIO ? MALFORMED : UNREADABLE;
+    if (!file.valid() && (errno == ELOOP || errno == ENXIO)) { // a symbolic link or a socket
+        record = kUnknown;
+        return READ;
     }
     struct stat status = {};
-    if (fstat(file.get(), &status) != 0) {
-        return UNREADABLE;
+    char text[kMaxBytes];
+    ssize_t size = -1;
+    if (file.valid() && fstat(file.get(), &status) == 0) {
+        if (S_ISDIR(status.st_mode)) {
+            LOGGER_ERROR(kComponent, "'%s' is a folder, which is left alone: no upgrade\n", path.c_str());
+            return UNREADABLE;
+        }
+        size = S_ISREG(status.st_mode) ? read(file.get(), text, sizeof text) : 0;
     }
-    if (!S_ISREG(status.st_mode)) {
-        return MALFORMED;
-    }
-    char text[kMostBytes];
-    const ssize_t size = read(file.get(), text, sizeof text);
     if (size < 0) {
+        LOGGER_ERROR(kComponent, "cannot read '%s': %s (%d)\n", path.c_str(), strerror(errno), errno);
         return UNREADABLE;
     }
-    return Parse(std::string(text, static_cast<size_t>(size)), record) ? READ : MALFORMED;
+    const std::string whole(text, static_cast<size_t>(size));
+    if (FormatOf(whole) > kFormat) {
+        LOGGER_ERROR(kComponent, "'%s' has a later format, which is left alone: no upgrade\n", path.c_str());
+        return UNREADABLE;
+    }
+    record = FromText(whole);
+    return READ;
 }
 
-bool UpgradeJournal::Parse(const std::string &text, Record &record)
+UpgradeJournal::WriteResult UpgradeJournal::Write(const Record &record) const
 {
-    Config file;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::string key;
-        std::string value;
-        const int result = file.parse((line += '\n').data(), key, value);
-        if (result == 2) {
-            return false;
-        }
-        if (result == 0) {
-            file[key] = value;
-        }
+    WriteResult result = WriteNewFile(ToText(record));
+    if (result == WRITTEN && (rename(newPath.c_str(), path.c_str()) != 0 || !FlushFolder(folder))) {
+        result = FAILED;
     }
-    Record read;
-    uint64_t isInstalled = 0;
-    uint64_t lastBackup = 0;
-    if (!ToNumber(file["old_device"], read.old_device) || !ToNumber(file["old_inode"], read.old_inode) ||
-        !ToNumber(file["old_mtime_ns"], read.old_mtime_ns) || !ToNumber(file["is_installed"], isInstalled) ||
-        !ToNumber(file["last_backup"], lastBackup) || lastBackup > kLastBackupMost || file["end"] != "yes") {
-        return false;
-    }
-    read.is_installed = isInstalled != 0;
-    read.last_backup = static_cast<int>(lastBackup);
-    record = read;
-    return true;
-}
-
-int UpgradeJournal::Write(const Record &record) const
-{
-    if (folder.empty()) {
-        return 0;
-    }
-    // The last line tells a whole file from one that a disk has cut short.
-    const std::string text = "old_device=" + std::to_string(record.old_device) +
-                             "\nold_inode=" + std::to_string(record.old_inode) +
-                             "\nold_mtime_ns=" + std::to_string(record.old_mtime_ns) +
-                             "\nis_installed=" + std::to_string(static_cast<int>(record.is_installed)) +
-                             "\nlast_backup=" + std::to_string(record.last_backup) + "\nend=yes\n";
-    if (WriteNew(text) != 0 || rename(newPath.c_str(), path.c_str()) != 0) {
-        const int failure = errno;
+    if (result == FAILED) {
+        const int error = errno;
         unlink(newPath.c_str());
-        errno = failure;
-        return -1;
+        errno = error;
     }
-    return FSFsync(folder) == 0 ? 0 : -1;
+    return result;
 }
 
-int UpgradeJournal::WriteNew(const std::string &text) const
+UpgradeJournal::WriteResult UpgradeJournal::WriteNewFile(const std::string &text) const
 {
-    const ScopedFd file(
-        open(newPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kMode));
+    unlink(newPath.c_str()); // an earlier start, or another user, may have left one that cannot be written
+    const ScopedFd file(open(newPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
     if (!file.valid()) {
-        return -1;
+        return IsFolderNotWritable(errno) ? FOLDER_NOT_WRITABLE : FAILED;
     }
+    fchmod(file.get(), kMode); // whatever the umask
+    GiveToFolderOwner(file.get(), folder);
     errno = ENOSPC; // for a write that stops short without an error
     const ssize_t written = write(file.get(), text.data(), text.size());
-    return written == static_cast<ssize_t>(text.size()) && fsync(file.get()) == 0 ? 0 : -1;
+    return written == static_cast<ssize_t>(text.size()) && Flush(file.get()) ? WRITTEN : FAILED;
 }
 
 int UpgradeJournal::Remove() const
 {
-    if (folder.empty()) {
-        return 0;
+    if (!FlushFolder(folder)) {
+        return -1;
     }
-    FSFsync(folder);
-    return FSRemove(path, false);
+    if (unlink(path.c_str()) != 0) {
+        return errno == ENOENT ? 0 : -1;
+    }
+    return FlushFolder(folder) ? 0 : -1;
 }

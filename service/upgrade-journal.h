@@ -1,52 +1,58 @@
 #ifndef BRIMLOCK_SERVICE_UPGRADE_JOURNAL_H
 #define BRIMLOCK_SERVICE_UPGRADE_JOURNAL_H
 
-#include <cstdint>
 #include <string>
 
-// The file "upgrade.journal" in the user's folder. While it is there, the app folder cannot be trusted: an upgrade is
-// at work or was cut short. What is written is on disk when a call returns, and is there whole or not at all.
+// The file "upgrade.journal" in the user's folder. It says which step of an upgrade has begun, so that the next start
+// can finish or undo it. A record is replaced as a whole: after a crash the file holds the old record or the new one.
 class UpgradeJournal
 {
 public:
-    // What the file says of an upgrade.
-    struct Record {
-        // The old app folder, which keeps these under whatever name it has: device and inode, and, where those do not
-        // outlast a mount, the time of its last change in nanoseconds. Inode 0: there was none.
-        uint64_t old_device = 0;
-        uint64_t old_inode = 0;
-        uint64_t old_mtime_ns = 0;
-        // The new copy is whole and on disk; only the backups with the numbers 0 to last_backup are still to go.
-        bool is_installed = false;
-        int last_backup = 0;
+    enum State {
+        MOVING,    // the app folder is about to be renamed to the backup
+        COPYING,   // the app folder holds nothing or a part of the new copy; the backup, if any, is the old copy
+        INSTALLED, // the new copy is complete and on disk; the backups up to this number are to be removed
+        DUE        // the app folder may hold an incomplete copy: upgrade whatever its version says
     };
 
-    enum Found { NONE, UNREADABLE, MALFORMED, READ };
+    static constexpr int kBackupNames = 10; // numbered from 0
+    static constexpr int kNoBackup = -1;
 
-    // `folder` is the user's folder. Empty: there is no journal, and every call has nothing to do.
+    struct Record {
+        State state = DUE;
+        int backup = kNoBackup; // the number of a backup name
+        bool is_trusted = true; // whether the copy that is moved aside was complete
+    };
+
+    enum ReadResult { NONE, READ, UNREADABLE };
+
+    // `userFolder` is the folder that the file lies in.
     explicit UpgradeJournal(const std::string &userFolder);
 
-    // `record` is set only with READ. UNREADABLE: nobody can tell what the file says, errno why. What a write that was
-    // cut short has left beside the file is removed.
-    Found Read(Record &record) const;
+    // READ: `record` is what the file says. A file that is empty, cut off or not a regular file reads as COPYING
+    // without a backup. UNREADABLE, with one ERROR line: a read error, a record of a later format, or a folder of that
+    // name. Otherwise `record` is untouched.
+    ReadResult Read(Record &record) const;
 
-    // Puts the record in the place of what the file said. Returns 0. -1, with errno set: the file is as it
-    // was, or it is the new one but may not outlive a power cut.
-    int Write(const Record &record) const;
+    enum WriteResult { WRITTEN, FAILED, FOLDER_NOT_WRITABLE };
 
-    // Flushes the folder, so that the journal outlives whatever it stands for, and removes the file. Returns 0, also
-    // when there is none, or -1.
+    // Replaces the record, and returns when it and all earlier changes in the folder are on disk. FAILED, with errno
+    // set: the file holds the old or the new record. FOLDER_NOT_WRITABLE: the folder is missing or may not be written,
+    // and nothing has changed.
+    WriteResult Write(const Record &record) const;
+
+    // Removes the file when all earlier changes in the folder are on disk, and returns when it is gone from the disk
+    // too. Returns 0, also when there is no such file, or -1 with errno set.
     int Remove() const;
 
     const std::string &Path() const { return path; }
 
 private:
-    static bool Parse(const std::string &text, Record &record);
-    int WriteNew(const std::string &text) const;
+    WriteResult WriteNewFile(const std::string &text) const;
 
     std::string folder;
     std::string path;
-    std::string newPath; // the next content, until it takes the file's place
+    std::string newPath; // holds the next record until it replaces the file
 };
 
 #endif

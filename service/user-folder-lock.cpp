@@ -7,69 +7,89 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "fileop/file-op.h"
+#include "service/folder-owner.h"
 
 namespace
 {
+// Whoever may open the file for reading can hold a shared lock on it: nobody but the owner may.
 constexpr mode_t kMode = 0600;
 constexpr std::chrono::milliseconds kPollInterval(50);
 
-bool LockWhole(int fd)
+bool LockWholeFile(int fd)
 {
     struct flock whole = {};
     whole.l_type = F_WRLCK;
     return fcntl(fd, F_OFD_SETLK, &whole) == 0;
 }
 
-// Whether the path still names the file that is open: whoever held the lock before has removed that one.
-bool IsStillThere(int fd, const std::string &path)
+// Whether the path still names the open file. The process that held the lock before has removed the file that it had
+// locked, and a later one may have created another.
+bool IsStillNamed(int fd, const std::string &path)
 {
     struct stat opened = {};
     struct stat named = {};
     return fstat(fd, &opened) == 0 && stat(path.c_str(), &named) == 0 && opened.st_ino == named.st_ino &&
            opened.st_dev == named.st_dev;
 }
+
+bool IsEmptyFile(int fd)
+{
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
+}
 } // namespace
 
-UserFolderLock::Result UserFolderLock::Acquire(const std::string &folder, std::chrono::milliseconds patience)
+UserFolderLock::Result UserFolderLock::Acquire(const std::string &folder, std::chrono::milliseconds timeout)
 {
     path = folder + "/upgrade.lock";
-    const auto end = std::chrono::steady_clock::now() + patience;
-    Result result = Try();
-    while (result == TAKEN_BY_ANOTHER && std::chrono::steady_clock::now() < end) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    Result result = Try(folder);
+    while (result == HELD_BY_ANOTHER && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(kPollInterval);
-        result = Try();
+        result = Try(folder);
     }
     return result;
 }
 
-UserFolderLock::Result UserFolderLock::Try()
+UserFolderLock::Result UserFolderLock::Try(const std::string &folder)
 {
-    // Open for writing: on a network file system an exclusive lock asks for it.
-    auto opened =
-        std::make_unique<ScopedFd>(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kMode));
-    if (!opened->valid()) {
+    // Open for writing: NFS gives exclusive locks only on such a descriptor.
+    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    auto opened = std::make_unique<ScopedFd>(open(path.c_str(), flags | O_CREAT | O_EXCL, kMode));
+    const bool isCreated = opened->valid();
+    if (isCreated) {
+        fchmod(opened->get(), kMode); // whatever the umask
+    } else if (errno != EEXIST) {
         return NOT_LOCKABLE;
+    } else {
+        opened = std::make_unique<ScopedFd>(open(path.c_str(), flags));
+        if (!opened->valid()) {
+            return errno == ENOENT ? HELD_BY_ANOTHER : NOT_LOCKABLE; // ENOENT: it has just been removed
+        }
     }
-    struct stat folder = {};
-    if (geteuid() == 0 && stat(FSParentPath(path).c_str(), &folder) == 0 &&
-        fchown(opened->get(), folder.st_uid, folder.st_gid) != 0) {
-        return NOT_LOCKABLE; // root works on a folder whose owner must be able to meet the lock
+    const bool isUsable = !isCreated || GiveToFolderOwner(opened->get(), folder);
+    if (isUsable && LockWholeFile(opened->get())) {
+        if (!IsStillNamed(opened->get(), path)) {
+            return HELD_BY_ANOTHER; // the next try opens the file that has this name now
+        }
+        file = std::move(opened);
+        return HELD;
     }
-    if (!LockWhole(opened->get())) {
-        return errno == EAGAIN || errno == EACCES || errno == EINTR ? TAKEN_BY_ANOTHER : NOT_LOCKABLE;
+    if (isUsable && (errno == EAGAIN || errno == EACCES || errno == EINTR)) {
+        return HELD_BY_ANOTHER;
     }
-    if (!IsStillThere(opened->get(), path)) {
-        return TAKEN_BY_ANOTHER; // that is, not free yet: the next try opens the file that is there now
+    if (isCreated) {
+        unlink(path.c_str());
     }
-    file = std::move(opened);
-    return HELD;
+    return NOT_LOCKABLE;
 }
 
 void UserFolderLock::Release()
 {
     if (file) {
-        unlink(path.c_str());
+        if (IsEmptyFile(file->get())) {
+            unlink(path.c_str());
+        }
         file.reset();
     }
 }

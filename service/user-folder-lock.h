@@ -7,19 +7,19 @@
 
 #include "fileop/scoped-fd.h"
 
-// The right to change what is in a user's folder. It is a kernel lock on the file "upgrade.lock" in that folder: so
-// every launcher that works on the folder meets it, on another host and on the file server too (which share locks of a
-// file's bytes, and no others), and it goes with the process. The file is there only as long as somebody holds or wants
-// the lock.
+// Advisory lock on the file "upgrade.lock" in the user's folder. It works over NFS, so launchers on other hosts respect
+// it too, and the kernel releases it when the process ends.
 class UserFolderLock
 {
 public:
-    enum Result { HELD, TAKEN_BY_ANOTHER, NOT_LOCKABLE };
+    enum Result { HELD, HELD_BY_ANOTHER, NOT_LOCKABLE };
 
-    // Waits up to `patience` for the lock. NOT_LOCKABLE: the folder is missing, cannot be written or knows no locks.
-    Result Acquire(const std::string &folder, std::chrono::milliseconds patience);
+    // Waits up to `timeout` for the lock, creating the file. NOT_LOCKABLE: the folder is missing, cannot be written or
+    // supports no locks; what this call has created is removed again.
+    Result Acquire(const std::string &folder, std::chrono::milliseconds timeout);
 
-    // Removes the file and gives the lock back. Without a lock it does nothing.
+    // Removes the file, unless it has contents and so is not a lock file, and releases the lock. Does nothing when the
+    // lock is not held.
     void Release();
 
     UserFolderLock() = default;
@@ -28,10 +28,10 @@ public:
     UserFolderLock &operator=(const UserFolderLock &) = delete;
 
 private:
-    Result Try();
+    Result Try(const std::string &folder);
 
     std::string path;
-    std::unique_ptr<ScopedFd> file; // holds the lock
+    std::unique_ptr<ScopedFd> file; // open while the lock is held
 };
 
 #endif

@@ -262,7 +262,8 @@ TEST(LaunchTest, WarnsOfAStartScriptThatDoesNotReturn)
 {
     Stage stage;
     WriteFile(stage.Path("slow"), "#!/bin/sh\nsleep 0.2\necho $1 >'" + stage.Path("started") + "'", 0755);
-    RunStartScript(stage.Path("slow"), 100);
+    RunStartScript(
+        stage.Path("slow"), [] {}, 100);
     EXPECT_EQ(stage.Started(), "start\n") << "it is waited for";
     EXPECT_EQ(CountOf(stage.Log(), "has not returned for"), 1);
 }

@@ -56,34 +56,6 @@ TEST_F(ServiceTest, AVersionFileChangesOnlyWhatItHolds)
     EXPECT_EQ(Logged("source_version = (1, 2, 1000, )\n"), 2) << Log();
 }
 
-TEST_F(ServiceTest, InstallsTheShippedTreeAndSweepsOldBackups)
-{
-    Shell("mkdir -p base/app_tmp/left base/app_tmp1/left base/app_tmp5/left; ln -s ui opt/package/larkspire/link");
-    const auto openFiles = Tree("/proc/self/fdinfo").size();
-    EXPECT_TRUE(service.OpenUserFolder() && service.PrepareUserEnv() == 0);
-    EXPECT_EQ(Tree(app), Tree(package)) << "a link is copied as what it points to";
-    Shell("test -x base/app/ui -a ! -L base/app/link -a \"$(ls base | xargs)\" = 'app app_tmp5 upgrade.lock'");
-    Shell("ln -s nowhere opt/package/larkspire/broken; rm -r base/app*");
-    EXPECT_EQ(service.PrepareUserEnv(), -1);
-    EXPECT_EQ(Logged("Failed to extract package, and no old installation to rollback\n"), 1);
-    service.CloseUserFolder();
-    EXPECT_TRUE(Tree("/proc/self/fdinfo").size() == openFiles && !fs::exists(Path("base/upgrade.lock")));
-    EXPECT_TRUE(service.OpenUserFolder()) << "which removes what there is of the copy";
-    EXPECT_EQ(Tree(Path("base")), std::set<std::string>{"upgrade.lock="});
-}
-
-TEST_F(ServiceTest, TwoFailuresOfACopyCountAsSuccess)
-{
-    Shell("mkdir -p from/a from/locked; touch from/a/file from/locked/file; chmod 0 from/locked");
-    EXPECT_EQ(InChild([this] { return BecomeUnprivileged(), service.FSCopyPath(Path("from"), Path("to")); }), 0);
-    EXPECT_EQ(Tree(Path("to")), (std::set<std::string>{"a", "a/file=", "locked"})) << "a folder that may not be listed";
-    EXPECT_EQ(Logged("failed to create handle  for src '" + Path("from/locked") + "' failed\n"), 1);
-    Shell("cd opt/package; rm -r larkspire; echo file >larkspire");
-    EXPECT_EQ(service.PrepareUserEnv(), 0) << "a package that is a single file";
-    EXPECT_EQ(ReadFile(app), "file\n");
-    EXPECT_EQ(service.FSCopyPath(package, Path("no/such/folder")), 0);
-}
-
 TEST_F(ServiceTest, APackageInstallsAlikeAsAFolderAndAsAnArchive)
 {
     setlocale(LC_ALL, "C.UTF-8");
@@ -141,22 +113,6 @@ TEST_F(ServiceTest, SignalsNothingButAPositiveProcessId)
     Shell("rm base/app/ui");
     EXPECT_EQ(service.HandlePackageUpgrade(), 0);
     EXPECT_EQ(kill(bystander, SIGKILL) + Wait(bystander), 128 + SIGKILL) << "no copy that it could be the client of";
-}
-
-TEST_F(ServiceTest, APackageThatChangesWhileItIsCopiedIsNotInstalled)
-{
-    const auto old = Tree(Path("base"));
-    for (const std::string change : {"touch larkspire/new", "rm larkspire/lib/.deep/data",
-                                     "touch larkspire/lib/.deep/data", "cp larkspire/ui x; mv x larkspire/ui",
-                                     "cp larkspire/INFO ..", "cp -r larkspire x; mv larkspire y; mv x larkspire"}) {
-        // The copying waits for the gate's other end, and that for the change.
-        Shell("cd opt/package; mkfifo larkspire/gate; timeout 30 sh -c 'exec 3>larkspire/gate; " + change + "' & true");
-        EXPECT_EQ(service.PrepareUserEnv(), -1) << change;
-        EXPECT_EQ(Tree(Path("base")), old) << change;
-        Shell("rm -rf opt; . '" BRIMLOCK_TESTS "/install.sh'");
-    }
-    Shell("test $(grep -c '\\[ERROR\\].*: Failed to extract package, rollback to old installation$' log) = 6");
-    EXPECT_EQ(service.PrepareUserEnv(), 0) << "at rest";
 }
 
 TEST_F(ServiceTest, ThePredecessorGoesWhateverBecomesOfItsData)

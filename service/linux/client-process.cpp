@@ -59,39 +59,43 @@ bool LiesIn(const std::string &path, const std::string &folder, const std::strin
 } // namespace
 
 ClientProcess::ClientProcess(pid_t clientPid)
-    : pid(clientPid), handle(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)))
+    : pid(clientPid), processFolder("/proc/" + std::to_string(pid)),
+      handle(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)))
 {
 }
 
 bool ClientProcess::IsSomebodyElse(const std::string &pidFile, const std::string &appFolder) const
 {
-    const std::string processFolder = "/proc/" + std::to_string(pid);
     const std::optional<double> started = StartTime(processFolder);
-    const std::optional<std::string> commandLine = ReadWhole(processFolder + "/cmdline");
     struct stat written = {};
-    if (!started || !commandLine || stat(pidFile.c_str(), &written) != 0 ||
-        *started <= Seconds(written.st_mtim) + kStartTolerance_s) {
+    if (!started || stat(pidFile.c_str(), &written) != 0 || *started <= Seconds(written.st_mtim) + kStartTolerance_s ||
+        RunsFrom(appFolder)) {
         return false;
     }
+    // A process of another user, or one of the kernel's own, does not show its executable: neither is this user's
+    // client. One of this user's own may hide it, and may be the client.
+    char executable[PATH_MAX] = "";
+    const bool isHidden = readlink((processFolder + "/exe").c_str(), executable, sizeof executable) < 0 &&
+                          errno == EACCES && Signal(0) == 0;
+    return !isHidden && ReadWhole(processFolder + "/cmdline").has_value();
+}
 
+bool ClientProcess::RunsFrom(const std::string &appFolder) const
+{
     std::string realFolder = appFolder;
     FSGetRealPath(realFolder);
-    // A process of another user, or one of the kernel's own, has none to show: neither is this user's client.
     char executable[PATH_MAX] = "";
     const ssize_t length = readlink((processFolder + "/exe").c_str(), executable, sizeof executable);
-    if (length < 0 && errno == EACCES && Signal(0) == 0) {
-        return false; // a process of this user that keeps it to itself
-    }
     if (length > 0 && LiesIn(std::string(executable, static_cast<size_t>(length)), appFolder, realFolder)) {
-        return false;
+        return true;
     }
-    std::istringstream arguments(*commandLine);
+    std::istringstream arguments(ReadWhole(processFolder + "/cmdline").value_or(""));
     for (std::string argument; std::getline(arguments, argument, '\0');) {
         if (LiesIn(argument, appFolder, realFolder)) {
-            return false;
+            return true;
         }
     }
-    return true;
+    return false;
 }
 
 int ClientProcess::Signal(int signal) const

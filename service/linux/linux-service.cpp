@@ -14,6 +14,7 @@
 #include "service/config/config.h"
 #include "service/linux/client-process.h"
 #include "service/linux/start-script.h"
+#include "service/version-file.h"
 
 namespace
 {
@@ -23,9 +24,12 @@ constexpr int kStopProbes = 5;
 constexpr unsigned int kProbeIntervalSeconds = 1;
 constexpr char kInstallRoot[] = "/opt/Veltrano/Brimlock";
 
-int BuildNumber(const std::string &text)
+// The process id in the pid file; 0 when it has none that may be signalled. Anything but a positive number would name a
+// group of processes or all of them, and the launcher's own number was a client's that has ended.
+pid_t PidOf(Config &pidFile)
 {
-    return text.empty() ? 0 : atoi(text.c_str());
+    const auto pid = static_cast<int32_t>(atol(pidFile["pid"].c_str()));
+    return pid > 0 && pid != getpid() ? pid : 0;
 }
 
 // The running client's process id from its pid file, or 0 when there is nothing to stop.
@@ -40,10 +44,15 @@ pid_t RunningClient(const std::string &pidFile)
         LOGGER_NOTE(kComponent, "Failed to read pid file '%s', not exist ?\n", pidFile.c_str());
         return 0;
     }
-    // Everything but a positive number would name a group of processes or all of them, and the launcher's own
-    // is the number of a client that is long gone.
-    const auto pid = static_cast<int32_t>(atol(config["pid"].c_str()));
-    return pid > 0 && pid != getpid() ? pid : 0;
+    return PidOf(config);
+}
+
+// Whether the pid file names a process that runs from the folder.
+bool IsClientRunningFrom(const std::string &appFolder, const std::string &pidFile)
+{
+    Config config;
+    const pid_t pid = config.read(pidFile) == 0 ? PidOf(config) : 0;
+    return pid != 0 && ClientProcess(pid).RunsFrom(appFolder);
 }
 } // namespace
 
@@ -53,9 +62,14 @@ LinuxService::LinuxService()
     app_path = RegisteredPath(path_key::kUserBrimlockApp);
 }
 
+std::string LinuxService::PidFile()
+{
+    return RegisteredPath(path_key::kUserBrimlock, "/ui.pid");
+}
+
 void LinuxService::StopService()
 {
-    const std::string pidFile = RegisteredPath(path_key::kUserBrimlock, "/ui.pid");
+    const std::string pidFile = PidFile();
     const pid_t pid = RunningClient(pidFile);
     if (pid == 0) {
         return;
@@ -86,6 +100,9 @@ int LinuxService::HandlePackageUpgrade()
     if (PerUserBinPathExist()) {
         LOGGER_DEBUG(kComponent, "local appdata exist\n");
         StopService();
+    } else if (IsClientRunningFrom(app_path, PidFile())) {
+        // Without its executable there is usually nothing to stop, but an incomplete copy may run something else.
+        StopService();
     }
     return PrepareUserEnv();
 }
@@ -112,7 +129,7 @@ bool LinuxService::IsNeedUpgrade()
     const int target = BuildNumber(target_version.build_version);
     LOGGER_DEBUG(kComponent, "source version = %d, target version = %d\n", source, target);
     const bool isOlder = target > source;
-    return !PerUserBinPathExist() || isOlder;
+    return !PerUserBinPathExist() || isOlder || IsUpgradeDue();
 }
 
 bool LinuxService::PerUserBinPathExist()
@@ -132,7 +149,9 @@ void LinuxService::LoadTargetVerInfo()
 
 int LinuxService::LaunchPerUserBin()
 {
-    RunStartScript(app_path + "/package/start-stop");
+    // The lock keeps other launchers from moving the copy while the script reads it. A script that does not end must
+    // not keep them from it for ever.
+    RunStartScript(app_path + "/package/start-stop", [this] { CloseUserFolder(); });
     return 0;
 }
 

@@ -14,7 +14,7 @@ public:
     // Signals nothing but a positive process id, and no process that cannot be the client (see ClientProcess).
     void StopService() override;
 
-    // Stops the client, if the user has one, and replaces the copy.
+    // Stops the client, if the user has one or it runs from the app folder, and replaces the copy.
     int HandlePackageUpgrade() override;
 
     // Starts the client. 0 always.
@@ -29,6 +29,9 @@ public:
 
     // Runs the user's "package/start-stop start" and waits for it. Returns 0 whatever comes of it.
     int LaunchPerUserBin();
+
+private:
+    static std::string PidFile();
 };
 
 // Where an install keeps its things.

@@ -50,7 +50,7 @@ int Spawn(const std::string &script, pid_t &child)
 }
 } // namespace
 
-void RunStartScript(const std::string &script, int patienceMilliseconds)
+void RunStartScript(const std::string &script, const std::function<void()> &onSlow, int patienceMilliseconds)
 {
     pid_t child = 0;
     const int error = Spawn(script, child);
@@ -68,6 +68,7 @@ void RunStartScript(const std::string &script, int patienceMilliseconds)
         if (poll(&event, 1, patienceMilliseconds) == 0) {
             LOGGER_WARNING(kComponent, "'%s start' has not returned for %d s; until it does, no launcher starts\n",
                            script.c_str(), patienceMilliseconds / kMillisecondsPerSecond);
+            onSlow();
         }
         close(ended);
     }

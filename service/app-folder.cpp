@@ -1,0 +1,335 @@
+#include "service/app-folder.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <QDir>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fileop/file-op.h"
+#include "log/log.h"
+#include "service/version-file.h"
+
+namespace
+{
+const std::string kComponent = "service_debug";
+constexpr int kRenameAttempts = 2; // an error may be transient
+
+constexpr char kRecovered[] = "an upgrade that was cut short has been put right\n"; // log readers search for it
+
+enum Presence { PRESENT, MISSING, UNKNOWN };
+
+// Unlike IsFileExist(), tells a missing entry from one that cannot be looked at.
+Presence Look(const std::string &path)
+{
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0) {
+        return PRESENT;
+    }
+    return errno == ENOENT || errno == ENOTDIR ? MISSING : UNKNOWN;
+}
+
+// Whether the folder has what every complete client has. MISSING when a part is missing.
+Presence LookForClient(const std::string &folder)
+{
+    for (const char *part : {"/INFO", "/bin/brimlock-ui", "/package/start-stop"}) {
+        const Presence presence = Look(folder + part);
+        if (presence != PRESENT) {
+            return presence;
+        }
+    }
+    return PRESENT;
+}
+} // namespace
+
+std::string GetAppBackupDir(const std::string &base, int n)
+{
+    std::string name = base + "_tmp";
+    if (n == 0) {
+        return name;
+    }
+    char suffix[8] = "";
+    if (snprintf(suffix, sizeof suffix, "%d", n) < 0) {
+        LOGGER_ERROR(kComponent, "snprintf failed (continuing without postfix)"); // no line end
+        return name;
+    }
+    return name + suffix;
+}
+
+AppFolder::AppFolder(const std::string &appPath)
+    : path(appPath), parent(FSParentPath(appPath)), discarded(appPath + "_discarded"), journal(parent)
+{
+}
+
+UserFolderLock::Result AppFolder::Lock(std::chrono::milliseconds timeout)
+{
+    return path.empty() ? UserFolderLock::NOT_LOCKABLE : lock.Acquire(parent, timeout);
+}
+
+AppFolder::Condition AppFolder::Recover(const std::function<void()> &stopClient)
+{
+    condition = path.empty() ? INTACT : FindCondition(stopClient);
+    return condition;
+}
+
+AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopClient)
+{
+    FSRemove(discarded, false);
+    before.reset();
+    const Presence app = Look(path);
+    if (app == UNKNOWN) {
+        return NotRecovered("it cannot be looked at");
+    }
+    const UpgradeJournal::ReadResult found = journal.Read(record);
+    if (found == UpgradeJournal::READ) {
+        before = record;
+    }
+    const bool mayHaveMoved =
+        before && (record.state == UpgradeJournal::MOVING || record.state == UpgradeJournal::COPYING);
+    if (mayHaveMoved && record.backup != UpgradeJournal::kNoBackup) {
+        const Presence backup = Look(GetAppBackupDir(path, record.backup));
+        if (backup == UNKNOWN) {
+            return NotRecovered("the backup cannot be looked at");
+        }
+        // While MOVING the backup name may have been taken by another folder, so that nothing was moved.
+        if (backup == PRESENT && (app == MISSING || record.state == UpgradeJournal::COPYING)) {
+            if (app == PRESENT) {
+                stopClient();
+            }
+            if (!GiveNameBack(record.backup)) {
+                return NotRecovered("the backup cannot be renamed to it");
+            }
+            LOGGER_NOTE(kComponent, "%s", kRecovered);
+            return EndRolledBack();
+        }
+    }
+    if (app == MISSING) {
+        return RestoreBestBackup(found);
+    }
+    if (found != UpgradeJournal::READ) {
+        return found == UpgradeJournal::NONE ? INTACT : NOT_RECOVERED;
+    }
+    switch (record.state) {
+    case UpgradeJournal::MOVING:
+        LOGGER_NOTE(kComponent, "%s", kRecovered);
+        return EndRolledBack();
+    case UpgradeJournal::INSTALLED:
+        RemoveBackups(record.backup);
+        LOGGER_NOTE(kComponent, "the backups of an upgrade have been removed\n");
+        before.reset();
+        journal.Remove();
+        return INTACT;
+    default:
+        LOGGER_NOTE(kComponent, "the copy in '%s' may be incomplete, an upgrade is due\n", path.c_str());
+        return UPGRADE_DUE;
+    }
+}
+
+// The person may have removed a damaged copy: the backup with the highest build is used until a new copy is made.
+AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult found)
+{
+    int best = UpgradeJournal::kNoBackup;
+    int bestBuild = 0;
+    for (int n = 0; n < UpgradeJournal::kBackupNames; ++n) {
+        const std::string backup = GetAppBackupDir(path, n);
+        const Presence client = LookForClient(backup);
+        if (client == UNKNOWN) {
+            return NotRecovered("a backup cannot be looked at");
+        }
+        if (client == PRESENT) {
+            const int build = BuildNumber(ReadVersionFile(backup + "/INFO")["build_version"]);
+            if (best == UpgradeJournal::kNoBackup || build > bestBuild) {
+                best = n;
+                bestBuild = build;
+            }
+        }
+    }
+    const Condition result = found == UpgradeJournal::UNREADABLE ? NOT_RECOVERED : UPGRADE_DUE;
+    if (best == UpgradeJournal::kNoBackup) {
+        return found == UpgradeJournal::NONE ? INTACT : result;
+    }
+    if (result == UPGRADE_DUE) {
+        record.is_trusted = false;
+        EndRolledBack();
+    }
+    if (!GiveNameBack(best)) {
+        return NotRecovered("a backup cannot be renamed to it");
+    }
+    LOGGER_NOTE(kComponent, "'%s' was missing, '%s' is used until the next upgrade\n", path.c_str(),
+                GetAppBackupDir(path, best).c_str());
+    return result;
+}
+
+AppFolder::Condition AppFolder::NotRecovered(const char *reason) const
+{
+    LOGGER_ERROR(kComponent, "no upgrade of '%s', %s: %s (%d)\n", path.c_str(), reason, strerror(errno), errno);
+    return NOT_RECOVERED;
+}
+
+int AppFolder::Begin()
+{
+    QDir().mkpath(QString::fromStdString(parent));
+    const Presence app = Look(path);
+    hasOldCopy = app == PRESENT;
+    hasJournal = !path.empty();
+    isFirstRecord = true;
+    record = {UpgradeJournal::MOVING, UpgradeJournal::kNoBackup, condition == INTACT};
+    if (app == UNKNOWN) {
+        NotRecovered("it cannot be looked at");
+        return -1;
+    }
+    return 0;
+}
+
+AppFolder::MoveResult AppFolder::MoveAside(int n)
+{
+    record.backup = n;
+    if (!WriteRecord(UpgradeJournal::MOVING)) {
+        Cancel();
+        return NOT_RECORDED;
+    }
+    const std::string backup = GetAppBackupDir(path, n);
+    const bool isRenamed = FSRename(path, backup, false) == 0;
+    // NFS may report a failure of a rename that the server has done.
+    return isRenamed || (Look(path) == MISSING && Look(backup) == PRESENT) ? MOVED : NOT_MOVED;
+}
+
+void AppFolder::Cancel()
+{
+    if (!hasJournal) {
+        return;
+    }
+    if (before) {
+        journal.Write(*before); // if it fails, the record that the folder is about to be moved means the same
+    } else {
+        journal.Remove();
+    }
+}
+
+int AppFolder::BeginCopy()
+{
+    // syncfs() reports a write-back error only on a descriptor that was opened before the error.
+    parentFd = std::make_unique<ScopedFd>(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (hasJournal && !parentFd->valid()) {
+        LOGGER_ERROR(kComponent, "cannot open '%s': %s (%d)\n", parent.c_str(), strerror(errno), errno);
+    } else if (WriteRecord(UpgradeJournal::COPYING)) {
+        return 0;
+    }
+    if (hasOldCopy) {
+        RollBack();
+    }
+    return -1;
+}
+
+int AppFolder::Flush()
+{
+    if (syncfs(parentFd->get()) == 0) {
+        return 0;
+    }
+    LOGGER_ERROR(kComponent, "failed to flush '%s': %s (%d)\n", path.c_str(), strerror(errno), errno);
+    return -1;
+}
+
+int AppFolder::RollBack()
+{
+    if (!GiveNameBack(record.backup)) {
+        LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n",
+                     GetAppBackupDir(path, record.backup).c_str());
+        return -1;
+    }
+    if (hasJournal) {
+        EndRolledBack();
+    }
+    return 0;
+}
+
+void AppFolder::Commit()
+{
+    record = {UpgradeJournal::INSTALLED, std::max(record.backup, 0), true};
+    if (hasJournal && journal.Write(record) != UpgradeJournal::WRITTEN && journal.Remove() != 0) {
+        // The next start takes the new copy for an incomplete one, and needs the backup.
+        LOGGER_ERROR(kComponent, "cannot update '%s', keeping the backups: %s (%d)\n", journal.Path().c_str(),
+                     strerror(errno), errno);
+        return;
+    }
+    RemoveBackups(record.backup);
+    if (hasJournal) {
+        journal.Remove();
+    }
+}
+
+// To be called when the app folder has the copy again that it had before the upgrade.
+AppFolder::Condition AppFolder::EndRolledBack()
+{
+    if (record.is_trusted) {
+        before.reset();
+        journal.Remove();
+        return INTACT;
+    }
+    before = UpgradeJournal::Record{UpgradeJournal::DUE, UpgradeJournal::kNoBackup, false};
+    journal.Write(*before); // if it fails, the record of the upgrade stays, and makes an upgrade due too
+    return UPGRADE_DUE;
+}
+
+// Writes the next step of the upgrade to the journal. Returns false, with one ERROR line, when the step must not be
+// done. Where the folder may not be written, the upgrade goes on without a journal.
+bool AppFolder::WriteRecord(UpgradeJournal::State state)
+{
+    record.state = state;
+    if (!hasJournal) {
+        return true;
+    }
+    const UpgradeJournal::WriteResult result = journal.Write(record);
+    if (result == UpgradeJournal::FOLDER_NOT_WRITABLE && isFirstRecord) {
+        hasJournal = false;
+        return true;
+    }
+    if (result != UpgradeJournal::WRITTEN) {
+        LOGGER_ERROR(kComponent, "cannot write '%s', no upgrade: %s (%d)\n", journal.Path().c_str(), strerror(errno),
+                     errno);
+        return false;
+    }
+    isFirstRecord = false;
+    return true;
+}
+
+// Removes what is in the app folder, and renames the backup to it. Returns false when the backup keeps its name.
+bool AppFolder::GiveNameBack(int n) const
+{
+    if (Look(path) != MISSING) {
+        Discard(path);
+    }
+    if (Look(path) == PRESENT) {
+        return false; // where folders are moved by copying, the backup would be mixed into it
+    }
+    for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
+        if (FSRename(GetAppBackupDir(path, n), path, false) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Removes the folder. One that cannot be removed is renamed, to a name that is never taken for a client's. Returns
+// false when the folder still has its own name.
+bool AppFolder::Discard(const std::string &folder) const
+{
+    FSRemove(folder, false);
+    if (Look(folder) == MISSING) { // FSRemove() returns 0 for a folder that it cannot list
+        return true;
+    }
+    FSRemove(discarded, false);
+    return rename(folder.c_str(), discarded.c_str()) == 0;
+}
+
+// The lower numbers too: earlier upgrades may have left them.
+void AppFolder::RemoveBackups(int last) const
+{
+    for (int n = 0; n <= last; ++n) {
+        Discard(GetAppBackupDir(path, n));
+    }
+}
