@@ -1,33 +1,50 @@
 #include "service/source-snapshot.h"
 
-#include <utility>
+#include <fcntl.h>
 
-#include <sys/stat.h>
 
-SourceSnapshot::Entry SourceSnapshot::Look(const std::string &path, bool isFollowed, bool &isLink)
+int NeighbourStat::operator()(const std::string &path, bool followLink, struct stat &status)
+{
+    const size_t slash = path.rfind('/');
+    if (!folderFd || path.compare(0, slash + 1, folder) != 0) {
+        folder = path.substr(0, slash + 1);
+        folderFd = std::make_unique<ScopedFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return fstatat(folderFd->get(), path.c_str() + slash + 1, &status, followLink ? 0 : AT_SYMLINK_NOFOLLOW);
+}
+
+// Sets what is known of the entry. Returns its type and permissions, 0 when it cannot be looked at.
+mode_t SourceSnapshot::Look(NeighbourStat &look, Entry &entry)
 {
     struct stat status = {};
-    if ((isFollowed ? stat : lstat)(path.c_str(), &status) != 0) {
-        return {path, isFollowed, -1, {}};
+    if (look(entry.path, entry.is_followed, status) != 0) {
+        return 0;
     }
-    isLink = S_ISLNK(status.st_mode);
-    return {path, isFollowed, status.st_size, status.st_ctim};
+    entry.size = status.st_size;
+    entry.changed = status.st_ctim;
+    return status.st_mode;
 }
 
 void SourceSnapshot::Add(const std::string &path)
 {
-    bool isLink = false;
-    entries.push_back(Look(path, false, isLink));
-    if (isLink) {
-        entries.push_back(Look(path, true, isLink));
+    for (const bool isFollowed : {false, true}) {
+        Entry &entry = entries.emplace_back();
+        entry.path = path;
+        entry.is_followed = isFollowed;
+        if (!S_ISLNK(Look(lookToAdd, entry))) {
+            return;
+        }
     }
 }
 
 bool SourceSnapshot::HasChanged() const
 {
+    NeighbourStat look;
     for (const Entry &entry : entries) {
-        bool isLink = false;
-        const Entry now = Look(entry.path, entry.is_followed, isLink);
+        Entry now;
+        now.path = entry.path;
+        now.is_followed = entry.is_followed;
+        Look(look, now);
         if (now.size != entry.size || now.changed.tv_sec != entry.changed.tv_sec ||
             now.changed.tv_nsec != entry.changed.tv_nsec) {
             return true;

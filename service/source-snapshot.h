@@ -1,11 +1,26 @@
 #ifndef BRIMLOCK_SERVICE_SOURCE_SNAPSHOT_H
 #define BRIMLOCK_SERVICE_SOURCE_SNAPSHOT_H
 
+#include <memory>
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-#include <time.h>
+#include <sys/stat.h>
+
+#include "fileop/scoped-fd.h"
+
+// stat(2) and lstat(2) for many entries. The folder of the last entry stays open, so that the kernel need not look up
+// the whole path of its neighbours.
+class NeighbourStat
+{
+public:
+    // Returns 0, or -1 with errno set. `path` is absolute.
+    int operator()(const std::string &path, bool followLink, struct stat &status);
+
+private:
+    std::string folder;
+    std::unique_ptr<ScopedFd> folderFd;
+};
 
 // Notices whether files and folders have changed since they were added, by size and time of last status change (ctime).
 // The ctime of a folder changes when an entry directly in it is added, removed or renamed. Device and inode are not
@@ -14,7 +29,7 @@ class SourceSnapshot
 {
 public:
     // To be called before the entry is read. For a symbolic link the file that it points to is added too. An entry that
-    // is missing or cannot be looked at is added as such.
+    // is missing or cannot be looked at is added as such. `path` is absolute.
     void Add(const std::string &path);
 
     // Looks at all entries once more.
@@ -23,13 +38,14 @@ public:
 private:
     struct Entry {
         std::string path;
-        bool is_followed; // the entry is what the link `path` points to
-        off_t size;       // in bytes; -1 when the entry could not be looked at
-        timespec changed;
+        bool is_followed = false; // the entry is what the link `path` points to
+        off_t size = -1;          // in bytes; -1 when the entry could not be looked at
+        timespec changed = {};
     };
 
-    static Entry Look(const std::string &path, bool isFollowed, bool &isLink);
+    static mode_t Look(NeighbourStat &look, Entry &entry);
 
+    NeighbourStat lookToAdd;
     std::vector<Entry> entries;
 };
 
