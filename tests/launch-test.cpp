@@ -225,7 +225,8 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
         Stage stage;
         stage.isAlone = false;
         stage.Start({"", "new", "",
-                     "for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do env $v=/x $L & done; wait",
+                     "n=6; for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do "
+                     "n=$((n - 1)); (sleep 0.$n; exec env $v=/x $L) & done; wait", // the oldest process comes last
                      "until [ $(grep -c 'app has already launched, return' " + kLog + ") = 5 ]; do sleep 0.01; done"});
         stage.End();
     }
