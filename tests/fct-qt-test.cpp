@@ -3,6 +3,19 @@
 #include "fct-qt/veltrano-locale.h"
 #include "tests/support.h"
 
+TEST(QtSingleApplicationTest, NoMessageOfQtIsFatal)
+{
+    setenv("QT_FATAL_CRITICALS", "1", 1);
+    const auto complain = [] {
+        int argc = 0;
+        const QtSingleApplication app(argc, nullptr, false);
+        qCritical("a message");
+        return qgetenv("QT_FATAL_CRITICALS") == "1" ? 0 : 1; // which the client sees
+    };
+    EXPECT_EQ(InChild(complain), 0);
+    unsetenv("QT_FATAL_CRITICALS");
+}
+
 TEST(DpiTest, ScalesLengthsInPixelsAndNothingElse)
 {
     int argc = 1;

@@ -19,7 +19,7 @@ const std::string kLog = "home/.Brimlock/log/launcher.log";
 const std::string kDisplays = "/tmp/.X11-unix/X"; // and the number: their sockets
 bool hasOwnNetwork = false;
 
-// The guard's names are those of the network. In one of its own a launcher meets nobody.
+// The name of a launcher's socket holds in its network namespace. In one of its own a launcher meets nobody.
 bool EnterOwnNetwork()
 {
     const std::string user = std::to_string(getuid());
@@ -218,18 +218,15 @@ TEST(LaunchTest, NothingAroundAStartCostsTheClient)
 
 TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 {
-    // A stranger, whom only root can play, listens under one name and has another, and then all of them.
-    const std::string name = '\0' + std::string("veltrano-brimlock-launcher-") + std::to_string(kNobody);
-    listen(getuid() == 0 ? OpenSocket(name, bind) : -1, 1);
-    int number = 1;
-    for (const int taken : {2, 8}) {
-        for (; number < taken && getuid() == 0; ++number) {
-            OpenSocket(name + "-" + std::to_string(number), bind);
+    for (const bool isTaken : {false, true}) {
+        if (isTaken && getuid() == 0) { // only root can act as another user
+            listen(OpenSocket('\0' + std::string("veltrano-brimlock-launcher-") + std::to_string(kNobody), bind), 1);
         }
         Stage stage;
         stage.isAlone = false;
         stage.Start({"", "new", "",
-                     "for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do env $v=/x $L & done; wait",
+                     "n=6; for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do "
+                     "n=$((n - 1)); (sleep 0.$n; exec env $v=/x $L) & done; wait", // the oldest process comes last
                      "until [ $(grep -c 'app has already launched, return' " + kLog + ") = 5 ]; do sleep 0.01; done"});
         stage.End();
     }

@@ -14,13 +14,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "fct-qt/process-start.h"
+#include "fct-qt/process-start-time.h"
 #include "fileop/file-op.h"
 
 namespace
 {
-// How much later than its pid file a client may seem to have been started: clocks are coarse and are set.
-constexpr double kStartTolerance_s = 2;
+// A client may seem to have been started this much later than its pid file was written: start times are coarse, and the
+// clock may have been set.
+constexpr double kStartToleranceSeconds = 2;
 
 std::optional<std::string> ReadWhole(const std::string &path)
 {
@@ -41,7 +42,7 @@ double Now(clockid_t clock)
     return Seconds(now);
 }
 
-// When the process was started, in seconds since the epoch; nothing when that cannot be told.
+// The time at which the process was started, in seconds since 1970. Returns nothing when it cannot be read.
 std::optional<double> StartTime(const std::string &processFolder)
 {
     const std::optional<uint64_t> ticks = ProcessStartTicks(processFolder);
@@ -68,8 +69,8 @@ bool ClientProcess::IsSomebodyElse(const std::string &pidFile, const std::string
 {
     const std::optional<double> started = StartTime(processFolder);
     struct stat written = {};
-    if (!started || stat(pidFile.c_str(), &written) != 0 || *started <= Seconds(written.st_mtim) + kStartTolerance_s ||
-        RunsFrom(appFolder)) {
+    if (!started || stat(pidFile.c_str(), &written) != 0 ||
+        *started <= Seconds(written.st_mtim) + kStartToleranceSeconds || RunsFrom(appFolder)) {
         return false;
     }
     // A process of another user, or one of the kernel's own, does not show its executable: neither is this user's
