@@ -9,7 +9,7 @@ class VeltranoLocale
 public:
     static VeltranoLocale *getInstance();
 
-    // One of the 21 three-letter codes, "enu" for everything that is not among them. Follows the environment
+    // One of the three-letter codes of resources/translations, "enu" for every other language. Follows the environment
     // as gettext does: the first of LC_ALL, LC_MESSAGES and LANG that is set names the locale; unless that is
     // "C" or "POSIX", the languages listed in LANGUAGE come before it. The first one that has a code wins; an
     // entry "C" or "POSIX" is English, a "pt" without a country European Portuguese. Where nothing in LANGUAGE

@@ -2,6 +2,13 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="zh_CN" sourcelanguage="en_US">
 <context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>在此计算机与服务器之间同步文件</translation>
+    </message>
+</context>
+<context>
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
@@ -14,13 +21,6 @@
     <message>
         <source>Brimlock Client</source>
         <translation>Brimlock 客户端</translation>
-    </message>
-</context>
-<context>
-    <name>desktop</name>
-    <message>
-        <source>Keep files in sync between this computer and a server</source>
-        <translation>在此计算机与服务器之间同步文件</translation>
     </message>
 </context>
 </TS>

@@ -2,6 +2,13 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="it_IT" sourcelanguage="en_US">
 <context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>Sincronizza i file tra questo computer e un server</translation>
+    </message>
+</context>
+<context>
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
@@ -14,13 +21,6 @@
     <message>
         <source>Brimlock Client</source>
         <translation>Client Brimlock</translation>
-    </message>
-</context>
-<context>
-    <name>desktop</name>
-    <message>
-        <source>Keep files in sync between this computer and a server</source>
-        <translation>Sincronizza i file tra questo computer e un server</translation>
     </message>
 </context>
 </TS>

@@ -2,6 +2,13 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="ja_JP" sourcelanguage="en_US">
 <context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>このコンピューターとサーバーの間でファイルを同期します</translation>
+    </message>
+</context>
+<context>
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
@@ -14,13 +21,6 @@
     <message>
         <source>Brimlock Client</source>
         <translation>Brimlock クライアント</translation>
-    </message>
-</context>
-<context>
-    <name>desktop</name>
-    <message>
-        <source>Keep files in sync between this computer and a server</source>
-        <translation>このコンピューターとサーバーの間でファイルを同期します</translation>
     </message>
 </context>
 </TS>

@@ -2,6 +2,13 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="ko_KR" sourcelanguage="en_US">
 <context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>이 컴퓨터와 서버 간에 파일을 동기화합니다</translation>
+    </message>
+</context>
+<context>
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
@@ -14,13 +21,6 @@
     <message>
         <source>Brimlock Client</source>
         <translation>Brimlock 클라이언트</translation>
-    </message>
-</context>
-<context>
-    <name>desktop</name>
-    <message>
-        <source>Keep files in sync between this computer and a server</source>
-        <translation>이 컴퓨터와 서버 간에 파일을 동기화합니다</translation>
     </message>
 </context>
 </TS>

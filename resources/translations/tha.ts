@@ -2,6 +2,13 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="th_TH" sourcelanguage="en_US">
 <context>
+    <name>desktop</name>
+    <message>
+        <source>Keep files in sync between this computer and a server</source>
+        <translation>ซิงค์ไฟล์ระหว่างคอมพิวเตอร์เครื่องนี้กับเซิร์ฟเวอร์</translation>
+    </message>
+</context>
+<context>
     <name>global</name>
     <message>
         <source>%1 is ready.</source>
@@ -14,13 +21,6 @@
     <message>
         <source>Brimlock Client</source>
         <translation>ไคลเอ็นต์ Brimlock</translation>
-    </message>
-</context>
-<context>
-    <name>desktop</name>
-    <message>
-        <source>Keep files in sync between this computer and a server</source>
-        <translation>ซิงค์ไฟล์ระหว่างคอมพิวเตอร์เครื่องนี้กับเซิร์ฟเวอร์</translation>
     </message>
 </context>
 </TS>
