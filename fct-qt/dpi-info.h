@@ -3,17 +3,17 @@
 
 #include <QString>
 
-// How much larger than at 96 dots per inch things are to be drawn.
+// The scale factor of the screen.
 class DPIinfo
 {
 public:
     static DPIinfo *getInstance();
 
-    // The primary screen's factor: 1.0 at 96 dpi, and where there is no screen.
+    // The scale factor of the primary screen: 1.0 at 96 dpi, and when there is no screen.
     double getDPI() const;
 
-    // The style sheet with its lengths in "px" multiplied by the factor and rounded. No length becomes
-    // invisible: what is more than 0 stays at least 1 px. Text inside url(...) is left alone.
+    // The style sheet with its lengths in "px" multiplied by the factor and rounded. A length above 0 becomes at least
+    // 1 px. Text inside url(...) is not changed.
     QString getScaledStyleSheet(const QString &sheet) const;
 
 private:

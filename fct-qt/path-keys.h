@@ -14,7 +14,7 @@ constexpr char kUserLarkspire[] = "user_larkspire_path";
 constexpr char kUserLarkspireResource[] = "user_larkspire_resource_path";
 constexpr char kRootResource[] = "root_resource_path";
 
-// Read and logged at start-up, but set by nobody: the predecessor's keys are incomplete on purpose.
+// Logged at start-up but never set: log readers expect their empty values.
 constexpr char kUserLarkspireApp[] = "user_larkspire_app_path";
 constexpr char kUserLarkspireData[] = "user_larkspire_data_path";
 constexpr char kUserLarkspireWorkingDir[] = "user_larkspire_working_dir_path";

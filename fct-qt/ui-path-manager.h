@@ -4,7 +4,7 @@
 #include <QHash>
 #include <QString>
 
-// The program's named paths. Filled at start-up, before there is a second thread, and only read afterwards.
+// The registry of named paths. It is filled at start-up, before there is a second thread, and only read afterwards.
 class UIPathManager
 {
 public:

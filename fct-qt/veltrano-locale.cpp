@@ -16,7 +16,7 @@ QString LocaleName()
     return QStringLiteral("C");
 }
 
-// The languages that the user wants, best first, as locale names.
+// The user's languages as locale names, the preferred one first.
 QStringList WantedLanguages()
 {
     const QString locale = LocaleName();
@@ -64,7 +64,7 @@ const char *LanguageCode(const QString &name)
     case QLocale::Polish:
         return "plk";
     case QLocale::Portuguese:
-        // QLocale takes a bare "pt" for Brazil's, gettext for Portugal's.
+        // For QLocale "pt" is the Portuguese of Brazil, for gettext that of Portugal.
         return name.contains(QLatin1String("BR")) ? "ptb" : "ptg";
     case QLocale::Russian:
         return "rus";

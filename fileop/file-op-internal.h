@@ -1,7 +1,7 @@
 #ifndef BRIMLOCK_FILEOP_FILE_OP_INTERNAL_H
 #define BRIMLOCK_FILEOP_FILE_OP_INTERNAL_H
 
-// What the library's own sources share.
+// Shared by the sources of this library.
 
 #include <cstdint>
 #include <string>
@@ -10,10 +10,10 @@
 
 inline const std::string kFileOpComponent = "file_op_debug";
 
-// The FSType for a mode's type bits. Returns false, with `type` as it was, for bits of no known kind.
+// Sets `type` to the FSType of the mode. Returns false and leaves `type` alone when the type bits are unknown.
 bool TypeFromMode(mode_t mode, uint32_t &type);
 
-// The entries that stand for the folder itself and its parent.
+// Whether the name is "." or "..".
 inline bool IsDotEntry(const char *name)
 {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));

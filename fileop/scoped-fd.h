@@ -5,8 +5,8 @@
 
 #include <unistd.h>
 
-// Owns a file descriptor, or none when it is negative: what a failed open() gave. Closing it leaves errno alone,
-// so that the failure that ends a function is still there for its caller.
+// Owns a file descriptor and closes it on destruction. A negative one is what a failed open() returns: there is nothing
+// to close. Closing does not change errno, which may hold the error that the function is about to report.
 class ScopedFd
 {
 public:

@@ -18,7 +18,7 @@ public:
 
     std::string getTmpName();
 
-    // The folder, "/" and a name. Nothing is created and nobody checks that the name is free.
+    // The folder, "/" and a random name. Nothing is created, and it is not checked whether the name is free.
     std::string getTmpPath(const std::string &folder);
 
 private:

@@ -3,8 +3,8 @@
 
 class QtSingleApplication;
 
-// Sets the application up for the user's language: translator, string table and font. A language without
-// translations stays English. The choice lasts until the process ends.
+// Installs translator, string table and font for the user's language, until the process ends. Without a translation the
+// texts are English.
 void initializeLanguage(QtSingleApplication &app);
 
 #endif

@@ -28,13 +28,13 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr, 
     setRange(0, kWhole);
     setLabelText(StrTable::WithClientName(StrTable::CLIENT_INITIALIZING));
     setFont(font);
-    // Whoever shows the dialog by itself gets it modal; Launcher, which has no other window, undoes it.
+    // The dialog by itself is modal. Launcher has no other window and makes it non-modal.
     setModal(true);
     setWindowModality(Qt::WindowModal);
     setFixedWidth(static_cast<int>(DPIinfo::getInstance()->getDPI() * kWidthAtScaleOne));
     setStyleSheet(DPIinfo::getInstance()->getScaledStyleSheet(
         QStringLiteral("QProgressDialog { background-color: WhiteSmoke; vertical-align: middle; }")));
-    // The style sheet's background is light in dark desktop themes, too; the theme's own text is white there.
+    // The style sheet sets a light background. In a dark desktop theme the text would be white on it.
     QLabel *label = findChild<QLabel *>();
     QPalette palette = label->palette();
     palette.setColor(QPalette::WindowText, Qt::black);

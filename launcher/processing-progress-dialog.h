@@ -3,8 +3,8 @@
 
 #include <QProgressDialog>
 
-// The launcher's only window: a bar in percent under a one-line label. It is built hidden. Nobody but the
-// program closes it, because what it shows cannot be cancelled half-way.
+// The only window of the launcher: a one-line label and a bar in percent. It is hidden after construction. The user
+// cannot close it, because an upgrade cannot be cancelled.
 class ProcessingProgressDialog : public QProgressDialog
 {
     Q_OBJECT
@@ -13,11 +13,11 @@ public:
 
     ProcessingProgressDialog();
 
-    // Escape asks for this; nothing happens.
+    // Called for Escape. Does nothing.
     void reject() override {}
 
 protected:
-    // The window manager's request to close, by button, menu or key; refused.
+    // Refuses the window manager's request to close the window.
     void closeEvent(QCloseEvent *event) override;
 };
 

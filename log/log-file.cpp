@@ -1,4 +1,4 @@
-// The log file: how it is opened, and how it is kept from growing without bound.
+// Opening and rotating the log file.
 
 #include "log/log-file.h"
 
@@ -18,7 +18,7 @@ constexpr mode_t kNewFileMode = 0666;
 
 using GenerationName = std::array<char, 1024>;
 
-// Generation 0 is the newest. A name that does not fit is cut.
+// Generation 0 is the newest. A name that is longer than the buffer is cut.
 GenerationName NameOf(const std::string &path, int64_t generation)
 {
     GenerationName name = {};
@@ -72,8 +72,8 @@ int Logger::Rotate()
     for (int64_t i = count - 2; i >= 0; --i) {
         rename(NameOf(log_path, i).data(), NameOf(log_path, i + 1).data());
     }
-    // Removes what has just been moved there: of two or more numbers the last always stays free. That is what
-    // docs/behaviour.md promises to those who reckon with the space.
+    // The loop has just renamed a file to this number. It is removed on purpose: so the highest number is never used,
+    // and docs/behaviour.md promises administrators that many files and no more.
     remove(NameOf(log_path, count - 1).data());
 
     if (log_fp != nullptr) {

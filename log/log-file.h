@@ -1,13 +1,14 @@
 #ifndef BRIMLOCK_LOG_LOG_FILE_H
 #define BRIMLOCK_LOG_LOG_FILE_H
 
-// What the library's own sources share.
+// Shared by the sources of this library.
 
 #include <cstdio>
 #include <string>
 
-// Opens a regular file for appending, creating it when it is missing; null when there is something else, without
-// waiting for the other end of a FIFO. Close-on-exec: the client that the launcher starts must not hold the log.
+// Opens a regular file for appending and creates it when it is missing. Returns null when it cannot be opened or is not
+// a regular file; never waits for the other end of a FIFO. The descriptor is close-on-exec, so the started client does
+// not inherit the log. The caller closes the file.
 FILE *OpenForAppend(const std::string &path);
 
 #endif

@@ -1,4 +1,4 @@
-// How the logger is set up and torn down.
+// Initialising and destroying the logger.
 
 #include <cstdlib>
 #include <sstream>
@@ -29,7 +29,7 @@ int Logger::Initialize(Type type, const std::string &path, const std::string &co
 int Logger::Initialize(const InitConfig &wanted)
 {
     Destroy();
-    // Whatever fails from here on: the next Destroy() must not close a stream that is not the logger's.
+    // If anything below fails, the next Destroy() must not close the old stream, which may be stdout.
     log_fp = nullptr;
     config = wanted;
     log_path = wanted.path;
@@ -100,9 +100,8 @@ void Logger::Destroy()
         if (log_fp != nullptr) {
             fclose(log_fp);
         }
-        // Left behind on purpose: a stream, for PrintToFilePointer(), which needs no initialised logger. It
-        // does not match its type number, and like the number of generations that is looked at by nobody
-        // before the next Initialize() sets them.
+        // PrintToFilePointer() also works after Destroy(), and writes to this stream. The type says another stream, and
+        // both this type and the count below are as they have always been; the next Initialize() sets them.
         config.type = TYPE_STDERR;
         log_fp = stdout;
         log_path.clear();
@@ -112,8 +111,8 @@ void Logger::Destroy()
     DestroyLock();
 }
 
-// The place for a lock between processes. None is needed: one launcher at a time writes the log, but for the
-// few lines of a second one that is about to give up.
+// A lock between processes would be set up here. None is needed: one launcher at a time writes the log, except for the
+// few lines of a second launcher before it exits.
 void Logger::InitializeFileLock() {}
 
 void Logger::InitializeLock()

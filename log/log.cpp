@@ -11,7 +11,7 @@ namespace
 constexpr size_t kStampBytes = 512;
 constexpr size_t kZoneBytes = 256;
 
-// Gives the caller's errno back when the logger is done, and on the way to every "%m".
+// Saves errno and restores it on destruction. restore() also restores it before a "%m" is formatted.
 class ErrnoKeeper
 {
 public:
@@ -23,18 +23,19 @@ private:
     const int saved = errno;
 };
 
-// The local time with a blank behind it. Made anew when the second or TZ has changed, because the look at the time
-// zone costs system calls; each thread keeps its own, because not every sink is locked.
+// The local time, followed by a blank. It is formatted again only when the second or TZ has changed, because reading
+// the time zone costs system calls. Each thread has its own buffer, because not every sink is locked.
 const char *TimeStamp()
 {
     thread_local char stamp[kStampBytes] = "";
     thread_local time_t stampSecond = -1;
-    thread_local char stampZone[kZoneBytes] = ""; // a longer one is cut, and then no stamp is kept
+    thread_local char stampZone[kZoneBytes] =
+        ""; // a longer TZ is cut, so it never compares equal and the stamp is always formatted
 
     const time_t now = time(nullptr);
     const char *zone = getenv("TZ");
     if (zone == nullptr) {
-        zone = "/etc/localtime"; // what an unset TZ stands for
+        zone = "/etc/localtime"; // the meaning of an unset TZ
     }
     if (now != stampSecond || strcmp(zone, stampZone) != 0) {
         tzset();
@@ -48,8 +49,8 @@ const char *TimeStamp()
 }
 } // namespace
 
-// The start state is deliberate: "initialised", a type that is written with a time stamp, and standard error.
-// It is what makes early messages visible.
+// The logger starts as initialised, with a type that writes time stamps, and standard error: so messages before
+// Initialize() are visible.
 bool Logger::log_initialized = true;
 FILE *Logger::log_fp = nullptr;
 bool Logger::levels_unreadable = false;
@@ -58,13 +59,13 @@ int32_t *Logger::log_size = nullptr;
 uint64_t *Logger::log_rotated_count_shared = nullptr;
 uint64_t Logger::log_rotated_count_private = 0;
 
-// Constructed before and destroyed after every static object of ordinary priority, so that those may log.
+// init_priority: constructed before and destroyed after all ordinary static objects, so that these may log.
 [[gnu::init_priority(101)]] Logger::InitConfig Logger::config;
 [[gnu::init_priority(101)]] std::string Logger::log_path;
 [[gnu::init_priority(101)]] std::unordered_map<std::string, int> Logger::log_level;
 
-// The last of them, and so the first to be destroyed: it silences the logger, and moves what another thread may
-// still be reading to where it is never destroyed.
+// Constructed after the three objects above, so destroyed before them: stops the logger, and moves the contents, which
+// another thread may still be reading, to objects that are never destroyed.
 struct Logger::Lifetime {
     Lifetime() { log_fp = stderr; }
     ~Lifetime()
@@ -107,7 +108,7 @@ void Logger::LogMsg2(Level level, const std::string &component, const char *form
     }
 
     Lock();
-    // Only under the lock is it certain whether there is a stream: a rotation closes and opens it.
+    // log_fp may only be read under the lock, because a rotation closes and opens it.
     ReloadLogFile();
     if (config.type == TYPE_SYSLOG || log_fp != nullptr) {
         callerErrno.restore();
@@ -148,7 +149,7 @@ int Logger::WriteToSink(const char *format, va_list args)
 {
     switch (config.type) {
     case TYPE_SYSLOG:
-        // One priority for every level: the level is read from the tag in the text.
+        // All levels have this priority: readers of the system log take the level from the text.
         vsyslog(LOG_ERR, format, args);
         return 0;
     case TYPE_STDOUT:

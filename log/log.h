@@ -12,30 +12,30 @@
 #include <pthread.h>
 #include <unistd.h>
 
-// A process-wide, levelled logger. A message carries a level and the name of a component; each component
-// has a threshold of its own, and a message is written when its level is at most that threshold.
+// A logger with levels for the whole process. A message has a level and the name of a component. Each component has a
+// threshold: a message is written when its level is at most that threshold.
 //
-// Before Initialize() the logger already works: it writes ERROR and WARNING lines, with their time stamp,
-// to standard error, so that no failure during start-up goes unseen.
+// Before Initialize() the logger writes ERROR and WARNING lines, with a time stamp, to standard error, so that failures
+// during start-up are visible.
 //
-// No call that logs a message throws or changes the caller's errno, and a "%m" in a message shows the errno
-// that the caller had. Constructors and destructors of static objects may log too, in whatever order the
-// program is linked; at the very end of exit() the logger falls silent, also for threads that still run.
+// No call that logs a message throws or changes the caller's errno, and "%m" in a message shows the caller's errno.
+// Constructors and destructors of static objects may log, in any order. At the end of exit() the logger stops writing,
+// also for threads that still run.
 class Logger
 {
 public:
     // Lower is more severe. Values below ERROR are accepted and pass wherever ERROR passes.
     enum Level : int32_t { ERROR = 3, WARNING = 4, NOTE = 5, INFO = 6, DEBUG = 7 };
 
-    // Where the lines go. A value above TYPE_FILE is opened like a file but written, without a time stamp,
-    // to standard error.
+    // Where the lines are written to. For a value above TYPE_FILE the file is opened, but the lines go to standard
+    // error, without a time stamp.
     enum Type : int32_t { TYPE_SYSLOG = 0, TYPE_STDOUT = 1, TYPE_STDERR = 2, TYPE_FILE = 3 };
 
-    // SCOPE_THREAD serialises the writers of this process. SCOPE_PROCESS also reopens the file before a
-    // write when the shared count of rotations has moved.
+    // SCOPE_THREAD: a mutex lets one thread write at a time. SCOPE_PROCESS: in addition, a write reopens the file first
+    // when the shared count of rotations has changed.
     enum SafetyScope : int32_t { SCOPE_NONE = 0, SCOPE_THREAD = 1, SCOPE_PROCESS = 2 };
 
-    // A set of bits, for LogMsg3() only.
+    // Bits for LogMsg3(), to be combined with "|".
     enum ConfigFlag : int32_t { FLAG_NEWLINE = 2, FLAG_ERRNO = 4 };
     friend constexpr ConfigFlag operator|(ConfigFlag a, ConfigFlag b)
     {
@@ -50,46 +50,46 @@ public:
         SafetyScope safety_scope = SCOPE_THREAD;
     };
 
-    // Closes what was open, reads the thresholds and opens the sink. Returns 0, or -1 when the log file has
-    // no path, is no regular file or cannot be opened, or when there is no memory; the logger then stays
-    // silent until a later call succeeds. A missing or malformed level file is no failure. Thresholds of an
-    // earlier call stay unless they are set again. Not to be called while another thread logs.
+    // Closes the current sink, reads the thresholds and opens the new sink. Returns 0, or -1 when the log file has no
+    // path, is not a regular file or cannot be opened, or when there is no memory; the logger then writes nothing until
+    // a later call succeeds. A missing or malformed level file is not a failure. A threshold of an earlier call stays
+    // when the level file does not name its component. No other thread may log during the call.
     static int Initialize(const InitConfig &wanted);
     static int Initialize(Type type, const std::string &path, const std::string &configPath, int rotateCount,
                           SafetyScope scope);
 
-    // Whether the last Initialize() was given a level file that is there but could not be used: it is no
-    // regular file, too large, unreadable or malformed.
+    // Whether the level file of the last Initialize() exists but could not be used: it is not a regular file, too
+    // large, unreadable or malformed.
     static bool LevelsUnreadable() { return levels_unreadable; }
 
-    // Closes the log file and silences the logger until the next successful Initialize(). Not to be called
-    // while another thread logs.
+    // Closes the log file. The logger writes nothing until the next successful Initialize(). No other thread may log
+    // during the call.
     static void Destroy();
 
-    // The component's threshold: what the level file says under exactly this name, else 4. A level file's
-    // "default_component" is no fall-back for components that the file does not name.
+    // The threshold of the component: the value in the level file under exactly this name, else 4. The value of
+    // "default_component" in a level file is not used for components that the file does not name.
     static int GetCompLevel(const std::string &component);
 
-    // Whether a message of this level would pass. Ask before building a message's arguments.
+    // Whether a message of this level is written. To be called before the arguments of a message are computed.
     static bool IsNeedToLog(Level level, const std::string &component);
 
-    // Write one message, if it passes. The text is written as it is: the line end is the caller's.
+    // Write one message if its level passes. No line end is added.
     static void LogMsg(Level level, const std::string &component, const char *format, ...)
         __attribute__((format(printf, 3, 4)));
     static void LogMsg2(Level level, const std::string &component, const char *format, va_list args)
         __attribute__((format(printf, 3, 0)));
 
-    // Writes the stream's whole text. FLAG_ERRNO adds ", err=<number>:<text>" when errno is not 0 (the
-    // number is appended to `text` itself), FLAG_NEWLINE a line end. Leaves `text` ready to be written to.
+    // Writes the whole text of the stream. FLAG_ERRNO adds ", err=<number>:<text>" when errno is not 0, and appends the
+    // part up to the colon to `text` too. FLAG_NEWLINE adds a line end. More can be written to `text` afterwards.
     static void LogMsg3(Level level, const std::string &component, std::stringstream &text, ConfigFlag flags);
 
-    // Write a time stamp and the message to the current stream, whatever the level, and flush. Return the
-    // number of bytes, a failed call counting -1, or 0 when there is no stream.
+    // Write a time stamp and the message to the current stream, without looking at a level, and flush. Return the sum
+    // of the bytes of both, where a failed write counts -1, or 0 when there is no stream.
     static int PrintToFilePointer(const char *format, ...) __attribute__((format(printf, 1, 2)));
     static int PrintToFilePointerV(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
     static void FlushFileStream(long unused);
 
-    // The write lock; without effect where there is none (see SafetyScope).
+    // Lock and unlock the writers' mutex. They do nothing when there is none, see SafetyScope.
     static void Lock();
     static void Unlock();
 
@@ -99,21 +99,20 @@ public:
     static void InitializeSharedData();
     static void DestroySharedData();
 
-    // The file's size in bytes, cut to 32 bits. 0, and one line in the current stream, when it cannot be
-    // told.
+    // The size of the file in bytes, as 32 bits. 0, with one line in the current stream, when stat() fails.
     static int GetFileSize(const std::string &path);
 
-    // Counts `written` bytes and rotates once the file holds more than 5 MiB. Returns 0, or what Rotate()
-    // returned. For the writer that holds the lock.
+    // Adds `written` to the counted size, and rotates when the file is larger than 5 MiB. Returns 0, or the result of
+    // Rotate(). The caller holds the lock.
     static int RotateIfFileBig(int written);
 
-    // Renames the log file to generation 0, every older generation to the next number, and starts a new
-    // file. Returns 0, or -1 when the file cannot be renamed or opened again: messages are then dropped until
-    // the logger is initialised again. For the writer that holds the lock.
+    // Renames the log file to generation 0 and each older generation to the next number, and opens a new file. Returns
+    // 0, or -1 when the file cannot be renamed or opened: messages are then dropped until the next Initialize(). The
+    // caller holds the lock.
     static int Rotate();
 
-    // Under SCOPE_PROCESS: opens the log file again after another writer has rotated it; when that fails, the
-    // next write tries again. For the writer that holds the lock.
+    // Under SCOPE_PROCESS, opens the log file again when another writer has rotated it. When that fails, the next write
+    // tries again. The caller holds the lock.
     static void ReloadLogFile();
 
 private:
@@ -138,7 +137,7 @@ private:
     static uint64_t log_rotated_count_private;
 };
 
-// Logger::LogMsg2() for callers that hold no string objects. `component` must not be null.
+// Logger::LogMsg2() for callers that have no std::string. `component` must not be null.
 void LogMSG_c(int level, const char *component, const char *format, va_list args) __attribute__((format(printf, 3, 0)));
 
 // The text after the last "/" of a source file's name.
@@ -148,9 +147,9 @@ inline const char *LogSourceName(const char *file)
     return slash != nullptr ? slash + 1 : file;
 }
 
-// How every message of the program is logged: nothing is evaluated unless the message passes, and its text
-// follows the process, the thread, the level's tag and the place in the source. `format` is a string literal
-// that ends in "\n", but for the few messages that are known without a line end.
+// All messages of the program are logged through this macro. It evaluates the arguments only when the message is
+// written, and puts process, thread, level and source line before the text. `format` is a string literal that ends in
+// "\n", except for three messages that log readers know without a line end.
 #define LOGGER_WRITE(level, component, format, ...)                                                                    \
     do {                                                                                                               \
         if (Logger::IsNeedToLog(Logger::level, component)) {                                                           \

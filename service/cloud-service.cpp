@@ -170,7 +170,7 @@ int Service::CopyPackage()
     const std::string dst = RegisteredPath(path_key::kUserBrimlockApp);
     LOGGER_INFO(kComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
 
-    // A package that is replaced meanwhile also changes one of these.
+    // These change too when the whole package is replaced during the copy.
     SourceSnapshot snapshot;
     snapshot.Add(FSParentPath(FSParentPath(src)));
     snapshot.Add(FSParentPath(src));
@@ -234,7 +234,7 @@ bool Service::MoveAside(AppFolder &folder)
     folder.Cancel();
     LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s' at max retries, exiting\n", app_path.c_str(),
                  backup.c_str());
-    // Without a line end: log readers know the message so.
+    // Log readers know this message without a line end.
     LOGGER_ERROR(kComponent,
                  "Please check if '%s' is writable. It may be locked by another process (e.g., CLI's working "
                  "directory is set to the target).",
@@ -242,7 +242,7 @@ bool Service::MoveAside(AppFolder &folder)
     return false;
 }
 
-// Starts over when the package has changed: nobody should keep an old client because it was just being updated.
+// Copies again when the package has changed: a person who starts the client during an update should get the new one.
 int Service::FillAppFolder(const AppFolder &folder)
 {
     int result = CopyPackage();

@@ -14,17 +14,17 @@ class SourceSnapshot;
 // Whether XDG_CURRENT_DESKTOP is exactly "Deepin".
 bool IsUOSDesktop();
 
-// Keeps the user's private copy of the client up to date with the shipped one. Steps call each other through
-// the virtual operations, so that a subclass may replace any of them. Paths come from UIPathManager, which
-// must be filled first. Failures are result codes and log lines.
+// Keeps the user's copy of the client up to date with the shipped one. The operations call each other through the
+// virtual functions, so that a subclass can replace each of them. Paths come from UIPathManager, which must be filled
+// before. Failures are result codes and log lines.
 class Service
 {
 public:
-    // What a version file says; empty where it says nothing.
+    // The values of a version file. A value that the file does not have is empty.
     struct VersionInfo {
         std::string major_version;
         std::string minor_version;
-        std::string build_version; // a decimal integer; the only one that decides
+        std::string build_version; // a decimal integer; only this one is compared
         std::string icon_overlay_version;
     };
 
@@ -35,22 +35,22 @@ public:
 
     virtual void SetTimeout(int milliseconds) { timeout = milliseconds; }
 
-    // Replaces the user's copy. 0, or -1 with the old copy back in place.
+    // Replaces the user's copy. Returns what PrepareUserEnv() returns.
     virtual int HandlePackageUpgrade() = 0;
 
-    // What is to be done when the copy is in place, or could not be replaced.
+    // Starts the client, from the new copy or, after a failure, from what is in place.
     virtual int PostUpgrade() = 0;
 
-    // Loads and logs both versions. 0 always; nobody looks at it.
+    // Loads and logs both versions. Returns 0.
     virtual int PreUpgrade() = 0;
 
-    // Whether the user's copy must be replaced: it is older than the shipped one, or broken.
+    // Whether the user's copy must be replaced, because it is older than the shipped one or incomplete.
     virtual bool IsNeedUpgrade() = 0;
 
     virtual bool PerUserBinPathExist() = 0;
 
-    // Two ways to fill the app folder: from the package archive, and from the unpacked package folder. 0, or
-    // negative with what was written so far left in place.
+    // Fill the app folder from the package archive or from the unpacked package folder. Return 0, or a negative number;
+    // what was written so far stays.
     virtual int ExtractPackage();
 
     // kPackageChanged, with one ERROR line: the package was replaced while it was copied, so the copy mixes two of
@@ -58,8 +58,8 @@ public:
     virtual int CopyPackage();
     static constexpr int kPackageChanged = -2;
 
-    // Fill source_version from the user's copy and target_version from the shipped one. A key that the file
-    // lacks leaves its field as it was.
+    // Set source_version from the user's copy and target_version from the shipped one. Fields that the file does not
+    // have keep their value.
     virtual void LoadSourceVersion();
     virtual void LoadTargetVersion();
 
@@ -69,8 +69,8 @@ public:
     // an interrupted or failed upgrade leaves in the journal is for the next OpenUserFolder().
     virtual int PrepareUserEnv();
 
-    // Moves the predecessor's data into the user's folder and removes the predecessor's folder, also when the
-    // data could not be moved.
+    // Moves the predecessor's data into the user's folder. Then removes the predecessor's folder, also when the data
+    // could not be moved.
     virtual void MigrateService();
 
     // To be called before the versions are loaded. Locks the user's folder, waiting up to 60 s for another launcher,
@@ -82,27 +82,27 @@ public:
     // Releases the lock. May be called more than once.
     void CloseUserFolder();
 
-    // The folder under which the user's files lie: the home folder, on a Deepin desktop XDG_DATA_HOME if set.
+    // The parent of the user's folder: the home folder or, on a Deepin desktop, XDG_DATA_HOME if it is not empty.
     static QString GetUserInstallPath();
 
-    // Copies a folder with all that is in it. A link is copied as the file that it points to, with the mode
-    // 0777 less the umask; one to a folder or to nothing fails. 0, or -1 at the first entry that fails, with
-    // what was copied so far left in place. Two failures count as success: a `src` that is a single file
-    // which cannot be copied, and a folder that cannot be listed, which is left empty.
+    // Copies a folder tree. For a link, the file that it points to is copied, with mode 0777 less the umask; a link to
+    // a folder or a dangling link fails. Returns 0, or -1 at the first entry that fails; what was copied so far stays.
+    // Two failures return 0: a `src` that is a single file and cannot be copied, and a folder that cannot be listed,
+    // which stays empty.
     int FSCopyPath(const std::string &src, const std::string &dst);
 
     // Removes the predecessor's app folder.
     void RemoveAgedFolders();
 
 protected:
-    // The path that UIPathManager has under the key, with `rest` behind it; empty, whatever the rest, when it has none.
+    // The path of the key followed by `rest`; empty when UIPathManager does not know the key.
     static std::string RegisteredPath(const char *key, const char *rest = "");
 
-    // Whether an upgrade is needed whatever the versions say: the app folder may hold an incomplete copy, or that could
-    // not be found out.
+    // Whether an upgrade is needed whatever the versions say, because the app folder may hold an incomplete copy or the
+    // recovery failed.
     bool IsUpgradeDue();
 
-    int32_t timeout = 0; // milliseconds; nothing waits by it yet
+    int32_t timeout = 0; // milliseconds; not used by any wait so far
     std::string app_path;
     VersionInfo target_version;
     VersionInfo source_version;

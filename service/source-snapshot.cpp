@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 
-
 int NeighbourStat::operator()(const std::string &path, bool followLink, struct stat &status)
 {
     const size_t slash = path.rfind('/');

@@ -11,7 +11,7 @@
 
 namespace
 {
-// Whoever may open the file for reading can hold a shared lock on it: nobody but the owner may.
+// Another user who can open the file could lock it too, so only the owner may open it.
 constexpr mode_t kMode = 0600;
 constexpr std::chrono::milliseconds kPollInterval(50);
 

@@ -4,8 +4,8 @@
 #include <QObject>
 #include <QString>
 
-// Relays progress and label text from code that knows nothing of the window. Any thread may call; who listens
-// is told on the listener's own thread.
+// Relays progress and label text from code that does not know the window. Its functions may be called from any thread;
+// the slots of the receivers are called on the receivers' threads.
 class Notify_Adapter : public QObject
 {
     Q_OBJECT

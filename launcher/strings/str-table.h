@@ -3,8 +3,8 @@
 
 #include <QString>
 
-// Registers the bundle of translations, ":/<language code>.qm". Loading the program has already done so, and
-// a second registration is harmless. Both return 1.
+// Register and unregister the bundle of translations, ":/<language code>.qm". Both return 1. The program registers it
+// when it is loaded; a second registration is harmless.
 int qInitResources_texts();
 int qCleanupResources_texts();
 
@@ -20,14 +20,14 @@ public:
     static constexpr int CLIENT_INITIALIZING = 531;
     static constexpr int CLIENT_NAME = 847;
 
-    // Fills the table. To be called once, before any other call.
+    // Fills the table. To be called once, before all other functions.
     static void InitStrTable();
 
-    // The text of row `id`, 0 to NUM_STRING_IDS - 1, in the language of the installed translator, else in
-    // English. The escapes \n and \t in a text have become a line break and a tab. Any thread may call.
+    // The text of row `id`, 0 to NUM_STRING_IDS - 1, in the language of the installed translator, else in English. The
+    // escapes \n and \t in a text are replaced by a line break and a tab. May be called from any thread.
     static QString LoadStr(int id);
 
-    // The same with the client's name put in for %1.
+    // The same text with %1 replaced by the client's name.
     static QString WithClientName(int id);
 
     // The id of the key, in any letter case, or -1.
