@@ -113,7 +113,7 @@ std::string TargetOf(pid_t thread, const __ptrace_syscall_info &info, Fault faul
     static const std::map<uint64_t, int> reading = {
         {SYS_openat, 1}, {SYS_newfstatat, 1},  {SYS_statx, 1},  {SYS_access, 0},
         {SYS_read, -1},  {SYS_getdents64, -1}, {SYS_fcntl, -1}, {SYS_close, -1}};
-    static const std::regex targets("^" + work + "/(home/.Brimlock($|/(?!log))|opt/(INFO$|pack))");
+    static const std::regex targets("^" + work + "/(home/.Brimlock($|/(?!log))|opt/(INFO|pack))");
 
     const auto number = info.entry.nr;
     const bool isReading =
@@ -133,9 +133,9 @@ std::string TargetOf(pid_t thread, const __ptrace_syscall_info &info, Fault faul
         std::getline(memory, path, '\0');
     }
     const bool isListing = number == SYS_openat || path.empty();
-    if (path.empty()) { // also with fstat()
+    if (path.empty() || path[0] != '/') { // of fstat(), or relative to a folder
         std::error_code none;
-        path = fs::read_symlink(process + "/fd/" + std::to_string(info.entry.args[0]), none);
+        path = fs::read_symlink(process + "/fd/" + std::to_string(info.entry.args[0]), none) / path;
     }
     const bool isFolderOfPackage =
         path.find(package) != std::string::npos && fs::is_directory(path);
@@ -186,6 +186,7 @@ Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
                       std::to_string(target % 8 * 4) + "K home/fill");
             } else if (fault == SECOND_LAUNCHER) {
                 second = SpawnLauncher(false);
+                usleep(300000); // it comes to the lock, or makes its whole upgrade, before the call
                 outcome.launchers = 2;
             } else {
                 Shell(fault == POWER_CUT_AFTER_COMMIT ? "touch home; sync home" : "");
@@ -291,11 +292,9 @@ void ReadOnly()
 void Waits()
 {
     Load("upgrade");
-    Shell("rm started; cp -a home other; >other/.Brimlock/upgrade.lock; "
-          "chown 65534 other/.Brimlock/upgrade.lock; "
-          "echo '[ -e " +
-          work + "/slept ] || { >" + work + "/slept; sleep 62; }' >>" + package +
-          "/package/start-stop");
+    Shell("cp -a home other; install -o 65534 /dev/null other/.Brimlock/upgrade.lock; rm started; "
+          "echo \"[ -e $PWD/slept ] || { >$PWD/slept; sleep 62; }\" "
+          ">>opt/package/larkspire/package/start-stop");
     const int lock = open("other/.Brimlock/upgrade.lock", O_RDWR | O_CLOEXEC);
     Expect(lockf(lock, F_TLOCK, 0) == 0, "the lock");
     const pid_t slow = SpawnLauncher(false);
@@ -320,8 +319,7 @@ void Waits()
 // Stages the package, and saves the states of the home that the flows begin with.
 void Prepare()
 {
-    Shell("mkdir home disks; mount -t tmpfs none disks; "
-          "truncate -s 8M disks/live; "
+    Shell("mkdir home disks; mount -t tmpfs none disks; truncate -s 8M disks/live; "
           "mkfs.ext4 -q -F -m 0 disks/live");
     hasLoopDevice = system("mount -o loop disks/live home 2>&-") == 0;
     Shell("app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; . '" BRIMLOCK_TESTS "/install.sh'; "
