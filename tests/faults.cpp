@@ -182,7 +182,7 @@ Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
                 const long number = info.entry.nr == SYS_close ? SYS_close : -1;
                 ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, orig_rax), number);
             } else if (fault == FULL_DISK) { // with room for some pages
-                Shell("head -c 9M /dev/zero >home/fill 2>&- || truncate -s -" +
+                Shell("head -c 9M /dev/zero >home/fill 2>&- && exit 1; truncate -s -" +
                       std::to_string(target % 8 * 4) + "K home/fill");
             } else if (fault == SECOND_LAUNCHER) {
                 second = SpawnLauncher(false);
