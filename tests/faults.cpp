@@ -1,368 +1,375 @@
-// Cuts an upgrade short at each of its file-changing system calls, by SIGKILL, by a power cut on a modelled disk and by
-// errors, and looks at what the next starts make of it. Started by scripts/faults, as root: the launcher itself runs as
-// an ordinary user.
-//
-// The modelled disk keeps what is done to folders in order, and loses the content of every file that was not flushed.
+// Disturbs an upgrade at each of its system calls and looks at what the next starts make of it.
+// Started by scripts/faults, as root; the launcher itself runs as an ordinary user.
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <map>
+#include <random>
 
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
-#include <sys/syscall.h>
 #include <sys/user.h>
 
-#include "service/user-folder-lock.h"
 #include "tests/support.h"
 
 namespace
 {
-constexpr int kPowerCut = -1;
-constexpr int kPowerCutButInfo = -2;
-constexpr int kKill = -3;
+// What happens to a start at one of its calls; the power cuts come first. A commit writes all
+// changes of folders to the disk, but no content that was not flushed.
+enum Fault { POWER_CUT, POWER_CUT_AFTER_COMMIT, KILL, IO_ERROR, FULL_DISK, SECOND_LAUNCHER };
+const std::string kFaultNames[] = {"power cut", "power cut after a commit",
+                                   "SIGKILL",   "EIO, reading calls too",
+                                   "full disk", "second launcher"};
 
-// What happens to a start at one of its calls. The first call has number 0; -1 hits none.
-struct Plan {
-    int call = -1;
-    int fault = kKill; // or an error number
-};
+constexpr long kIoError = -EIO; // as the kernel returns it
 
-// A state of the home, and what is done in it.
+// What must hold after a start. With the last two, the client was started from a whole copy.
+enum Expected { EXITS, OLD_OR_NEW_COPY, NEW_COPY_ALONE };
+
+// A start that faults are tried on.
 struct Flow {
     std::string name;
-    bool hasCopy;
+    std::string home; // the state that it finds, see Save()
     bool isPackageBroken;
-    int killedBefore; // the call that an earlier start was killed at; -1: there was none
+    Expected expected; // until there is a start without a fault
 };
 
-// What is at stake: the two copies, and everything else that is in the home.
-struct Trees {
-    std::set<std::string> oldCopy;
-    std::set<std::string> newCopy;
-    std::set<std::string> rest;
+struct Outcome {
+    int status = 0;
+    int calls = 0;     // that the fault could have hit
+    int launchers = 1; // of which each starts a client
+    std::string hit;   // the call that it did hit, "" for none
 };
 
 const std::string work = fs::current_path();
-const std::string home = work + "/home";
-const std::string app = home + "/.Brimlock/Brimlock.app";
-const std::string package = work + "/opt/package/larkspire";
+const std::string app = "home/.Brimlock/Brimlock.app";
+const std::string package = "opt/package/larkspire";
+bool hasLoopDevice = false;
 
-int row[2] = {}; // how many things were wrong in it, and how many right
-int all[2] = {};
+std::set<std::string> oldCopy;
+std::set<std::string> newCopy;
+std::set<std::string> upgraded; // the home with the new copy, without the log
 
-void Report(const std::string &what, const std::string &wrong)
+std::array<int, 2> checks = {}; // how many failed, and how many passed
+
+void Expect(bool isRight, const std::string &what)
 {
-    ++row[wrong.empty()];
-    if (!wrong.empty()) {
-        printf("FAILED %s: %s\n", what.c_str(), wrong.c_str());
+    ++checks[isRight];
+    if (!isRight) {
+        printf("FAILED %s\n", what.c_str());
     }
 }
 
-// A row of the table, with what has been reported since the last.
+// Prints a row of the table: the checks since the last one.
 void EndRow(const std::string &name)
 {
-    printf("| %-50s | %6d | %6d |\n", name.c_str(), row[true], row[false]);
+    static std::array<int, 2> before = {};
+    printf("| %-58s | %6d | %6d |\n", name.c_str(), checks[true] - before[true],
+           checks[false] - before[false]);
     fflush(stdout);
-    for (const bool isRight : {false, true}) {
-        all[isRight] += row[isRight];
-        row[isRight] = 0;
-    }
+    before = checks;
 }
 
 void Shell(const std::string &command)
 {
-    if (system(command.c_str()) != 0) {
+    if (system(("set -e; " + command).c_str()) != 0) {
         printf("failed: %s\n", command.c_str());
         exit(1);
     }
 }
 
-// The path in the home, its log aside, that a system call changes or flushes; "" for every other call.
-std::string ChangedPath(pid_t thread, const __ptrace_syscall_info &info)
+// The home is an ext4 image on a loop device; where there is none, a tmpfs. Save() gives its state
+// a name, Load() restores it.
+void Save(const std::string &name)
 {
-    static const std::map<uint64_t, int> pathArguments = {{SYS_openat, 1}, {SYS_rename, 0}, {SYS_unlink, 0},
-                                                          {SYS_rmdir, 0},  {SYS_mkdir, 0},  {SYS_chmod, 0}};
-    static const std::set<uint64_t> onDescriptors = {SYS_write, SYS_ftruncate, SYS_fsync, SYS_syncfs};
+    Shell(hasLoopDevice ? "sync -f home; cp --sparse=always disks/live disks/" + name
+                        : "rm -rf disks/" + name + "; cp -a home disks/" + name);
+}
+
+// Without auto_da_alloc, ext4 does not help programs that forget to flush.
+void Load(const std::string &name)
+{
+    const std::string saved = "disks/" + name;
+    Shell("! mountpoint -q home || umount -l home; rm -f disks/live");
+    Shell(hasLoopDevice ? "cp --sparse=always " + saved +
+                              " disks/live; "
+                              "mount -o loop,noauto_da_alloc disks/live home"
+                        : "mount -t tmpfs -o size=8m none home; cp -a " + saved + "/. home");
+}
+
+// The path that a system call uses, if the fault can hit it: in the user's folder, but for the log,
+// and for IO_ERROR in the package too; else "". Not hit are opening and listing a folder of the
+// package: one that cannot be listed counts as empty.
+std::string TargetOf(pid_t thread, const __ptrace_syscall_info &info, Fault fault)
+{
+    // The number of the argument that is a path; -1: the first is a descriptor.
+    static const std::map<uint64_t, int> changing = {
+        {SYS_openat, 1}, {SYS_rename, 0}, {SYS_unlink, 0}, {SYS_rmdir, 0},
+        {SYS_mkdir, 0},  {SYS_write, -1}, {SYS_fsync, -1}, {SYS_syncfs, -1}};
+    static const std::map<uint64_t, int> reading = {
+        {SYS_openat, 1}, {SYS_newfstatat, 1},  {SYS_statx, 1},  {SYS_access, 0},
+        {SYS_read, -1},  {SYS_getdents64, -1}, {SYS_fcntl, -1}, {SYS_close, -1}};
+    static const std::regex targets("^" + work + "/(home/.Brimlock($|/(?!log))|opt/(INFO|pack))");
+
+    const auto number = info.entry.nr;
+    const bool isReading =
+        changing.count(number) == 0 ||
+        (number == SYS_openat && (info.entry.args[2] & (O_CREAT | O_TRUNC)) == 0);
+    const auto &calls = isReading ? reading : changing;
+    const auto call = calls.find(number);
+    if (info.op != PTRACE_SYSCALL_INFO_ENTRY || call == calls.end() ||
+        (isReading && fault != IO_ERROR)) {
+        return "";
+    }
     const std::string process = "/proc/" + std::to_string(thread);
     std::string path;
-    if (const auto found = pathArguments.find(info.entry.nr); found != pathArguments.end()) {
-        if (info.entry.nr == SYS_openat && (info.entry.args[2] & (O_CREAT | O_TRUNC)) == 0) {
-            return "";
-        }
+    if (call->second >= 0) {
         std::ifstream memory(process + "/mem");
-        memory.seekg(static_cast<std::streamoff>(info.entry.args[found->second]));
+        memory.seekg(static_cast<std::streamoff>(info.entry.args[call->second]));
         std::getline(memory, path, '\0');
-    } else if (onDescriptors.count(info.entry.nr) != 0) {
-        std::error_code none;
-        path = fs::read_symlink(process + "/fd/" + std::to_string(info.entry.args[0]), none);
     }
-    return path.rfind(home, 0) == 0 && path.find("/.Brimlock/log") == std::string::npos ? path : "";
+    const bool isListing = number == SYS_openat || path.empty();
+    if (path.empty() || path[0] != '/') { // of fstat(), or relative to a folder
+        std::error_code none;
+        path = fs::read_symlink(process + "/fd/" + std::to_string(info.entry.args[0]), none) / path;
+    }
+    const bool isFolderOfPackage =
+        path.find(package) != std::string::npos && fs::is_directory(path);
+    const bool isHit = std::regex_search(path, targets) && !(isListing && isFolderOfPackage);
+    return isHit ? path : "";
 }
 
-pid_t SpawnLauncher(bool isTraced = false, bool isAlone = false)
+// Traced, or unable to see other launchers: neither their /tmp nor their sockets.
+pid_t SpawnLauncher(bool isTraced)
 {
-    return Spawn([=]() -> int {
-        // As far as this one can see, no other launcher is there: neither its /tmp nor its sockets.
-        if (isAlone && (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 || mount("tmp", "/tmp", "tmpfs", 0, nullptr) != 0)) {
-            return 99;
-        }
+    return Spawn([isTraced] {
+        const bool isReady = isTraced ? setpgid(0, 0) == 0 && ptrace(PTRACE_TRACEME, 0, 0, 0) == 0
+                                      : unshare(CLONE_NEWNS | CLONE_NEWNET) == 0 &&
+                                            mount("tmp", "/tmp", "tmpfs", 0, nullptr) == 0;
         BecomeUnprivileged();
-        if (isTraced) {
-            ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-            raise(SIGSTOP);
-        }
-        return freopen("stderr", "a", stderr) == nullptr || // what the toolkit has to say of a bare system
-               execl((work + "/opt/bin/launcher").c_str(), "launcher", nullptr);
+        freopen("/dev/null", "w", stderr);
+        return isReady ? execl("opt/bin/launcher", "launcher", nullptr) : 99;
     });
 }
 
-// One start, disturbed as planned. Returns its exit status; `calls` becomes the number of calls that it made.
-int StartTraced(const Plan &plan, int &calls)
+// A start with the fault at the call that has this number; -1 hits none.
+Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
 {
-    const pid_t launcher = SpawnLauncher(true);
+    const std::string link = package + "/lib/broken";
+    Shell("rm -f started " + link + (isPackageBroken ? "; ln -s nowhere " + link : ""));
+    Outcome outcome;
+    pid_t failing = 0; // the thread whose call fails
+    pid_t second = 0;
     int status = 0;
-    waitpid(launcher, &status, 0);
-    ptrace(PTRACE_SETOPTIONS, launcher, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE | PTRACE_O_EXITKILL);
-    ptrace(PTRACE_SYSCALL, launcher, nullptr, 0);
-
-    std::set<ino_t> unflushed;
-    pid_t failing = 0; // the thread whose call is made to fail
-    calls = 0;
-    for (pid_t thread = 0; (thread = waitpid(-1, &status, __WALL)) > 0;) {
-        if (!WIFSTOPPED(status)) {
-            if (thread == launcher) {
-                break;
-            }
-            continue;
-        }
-        const bool isOwnSignal = WSTOPSIG(status) != SIGTRAP && WSTOPSIG(status) != SIGSTOP;
-        if (WSTOPSIG(status) != (SIGTRAP | 0x80)) {
-            ptrace(PTRACE_SYSCALL, thread, nullptr, isOwnSignal ? WSTOPSIG(status) : 0);
-            continue;
-        }
+    alarm(200); // a start that hangs ends the run
+    const pid_t launcher = SpawnLauncher(true);
+    pid_t thread = waitpid(launcher, &status, 0);
+    ptrace(PTRACE_SETOPTIONS, launcher, nullptr,
+           static_cast<long>(PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE | PTRACE_O_EXITKILL));
+    for (; WIFSTOPPED(status) || thread != launcher; thread = waitpid(-launcher, &status, __WALL)) {
         __ptrace_syscall_info info = {};
         ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info);
-        if (info.op == PTRACE_SYSCALL_INFO_EXIT && failing == thread) {
-            ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, rax), -plan.fault);
-            failing = 0;
-        }
-        const std::string path = info.op == PTRACE_SYSCALL_INFO_ENTRY ? ChangedPath(thread, info) : "";
-        if (!path.empty()) {
-            struct stat file = {};
-            stat(path.c_str(), &file);
-            if (calls++ == plan.call && plan.fault > 0) {
-                ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, orig_rax), -1); // which makes none
-                failing = thread;
-            } else if (calls - 1 == plan.call) {
+        const std::string path = TargetOf(thread, info, fault);
+        if (!path.empty() && outcome.calls++ == target) {
+            outcome.hit = "system call " + std::to_string(info.entry.nr) + " on " + path;
+            if (fault == IO_ERROR) {
+                failing =
+                    thread; // gets the error below; without a call, but a failing close() closes
+                const long number = info.entry.nr == SYS_close ? SYS_close : -1;
+                ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, orig_rax), number);
+            } else if (fault == FULL_DISK) { // with room for some pages
+                Shell("head -c 9M /dev/zero >home/fill 2>&- && exit 1; truncate -s -" +
+                      std::to_string(target % 8 * 4) + "K home/fill");
+            } else if (fault == SECOND_LAUNCHER) {
+                second = SpawnLauncher(false);
+                usleep(300000); // it comes to the lock, or makes its whole upgrade, before the call
+                outcome.launchers = 2;
+            } else {
+                Shell(fault == POWER_CUT_AFTER_COMMIT ? "touch home; sync home" : "");
+                Shell(fault < KILL ? "cp --sparse=always disks/live disks/cut" : "");
                 kill(launcher, SIGKILL);
-            } else if (info.entry.nr == SYS_write) {
-                unflushed.insert(file.st_ino);
-            } else if (info.entry.nr == SYS_fsync) {
-                unflushed.erase(file.st_ino);
-            } else if (info.entry.nr == SYS_syncfs) {
-                unflushed.clear();
             }
+        } else if (info.op == PTRACE_SYSCALL_INFO_EXIT && failing == thread) {
+            failing = 0;
+            ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, rax), kIoError);
+            ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info);
+            Expect(info.exit.is_error != 0 && info.exit.rval == kIoError, "the call fails");
         }
-        ptrace(PTRACE_SYSCALL, thread, nullptr, 0);
+        const long signal = WIFSTOPPED(status) ? WSTOPSIG(status) : 0;
+        const bool isOwnSignal = signal < SIGRTMAX && signal != SIGTRAP && signal != SIGSTOP;
+        // The first thread only shows the window, and makes most of the calls.
+        ptrace(thread == launcher ? PTRACE_CONT : PTRACE_SYSCALL, thread, nullptr,
+               isOwnSignal ? signal : 0L);
     }
-    for (const auto &entry : fs::recursive_directory_iterator(home)) {
-        struct stat file = {};
-        lstat(entry.path().c_str(), &file);
-        const bool isLost =
-            plan.fault == kPowerCut || (plan.fault == kPowerCutButInfo && entry.path().filename() != "INFO");
-        if (isLost && S_ISREG(file.st_mode) && unflushed.count(file.st_ino) != 0) {
-            fs::resize_file(entry.path(), 0);
-        }
+    if (!outcome.hit.empty() && fault < KILL) {
+        Load("cut");
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    outcome.status = status + (second > 0 ? Wait(second) : 0);
+    return outcome;
 }
 
-void BreakPackage(bool isBroken)
+void Check(const std::string &what, const Outcome &start, Expected expected)
 {
-    Shell(isBroken ? "ln -sfn nowhere opt/package/larkspire/lib/broken" : "rm -f opt/package/larkspire/lib/broken");
-}
-
-// The home but for the app folder and the log.
-std::set<std::string> Rest()
-{
-    static const std::regex own("^\\.Brimlock/(Brimlock\\.app$|Brimlock\\.app/|log)");
-    std::set<std::string> rest;
-    for (const std::string &entry : Tree(home)) {
-        if (!std::regex_search(entry, own)) {
-            rest.insert(entry);
-        }
+    const bool isKilled = start.status == SIGKILL && !start.hit.empty();
+    Expect(start.status == 0 || isKilled, what + ": exit status " + std::to_string(start.status));
+    if (expected == EXITS || isKilled) {
+        return;
     }
-    return rest;
-}
-
-// A user's home, with a copy or without, and a newer package.
-Trees Prepare(bool hasCopy)
-{
-    Shell("rm -rf home started opt/package/larkspire/lib/broken; app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; . "
-          "'" BRIMLOCK_TESTS "/install.sh'; mkdir -p home/.hidden home/.Brimlock/data $app/lib/.deep; "
-          "echo kept | tee home/.hidden/file home/.Brimlock/data/db >$app/only-old; "
-          "head -c 20000 /dev/urandom | tee -a $folder/lib/.deep/data >$app/lib/.deep/data");
-    Trees trees = {Tree(app), Tree(package), Rest()};
-    Shell(std::string(hasCopy ? "" : "rm -r home/.Brimlock/Brimlock.app; ") + "chown -hR 65534:65534 home");
-    return trees;
-}
-
-// What is wrong after a start, "" for nothing. Where it must have settled, the new copy is in place and nothing else
-// has changed; else the old one may be.
-std::string Wrong(int status, const Trees &trees, bool mustHaveSettled)
-{
     const std::set<std::string> copy = fs::exists(app) ? Tree(app) : std::set<std::string>();
-    const std::string ran = ReadFile(work + "/started");
-    const std::string name = copy == trees.newCopy ? "1001 start\n" : "1000 start\n";
-    if (status != 0) {
-        return "exit status " + std::to_string(status);
+    const bool isNew = copy == newCopy;
+    Expect(isNew || (expected == OLD_OR_NEW_COPY && copy == oldCopy), what + ": the wrong copy");
+    const std::string line = isNew ? "1001 start\n" : "1000 start\n";
+    const std::string ran = ReadFile("started");
+    Expect(ran == (start.launchers == 1 ? line : line + line), what + ": started " + ran);
+    if (expected == NEW_COPY_ALONE) {
+        Shell("rm -r home/.Brimlock/log");
+        Expect(Tree("home") == upgraded, what + ": something is left behind");
     }
-    if (copy != trees.newCopy && (mustHaveSettled || copy != trees.oldCopy)) {
-        return "the wrong copy, or one that is not whole";
-    }
-    if (ran.size() < name.size() || ran.substr(ran.size() - name.size()) != name) {
-        return "its start script did not run";
-    }
-    return mustHaveSettled && Rest() != trees.rest ? "something else in the home has changed" : "";
 }
 
-// Hits every `stride`-th call of the flow. Each time a good start follows, at once and after one that fails.
-void Hit(const Flow &flow, int fault, const std::string &name, int stride)
+// A row: hits every `stride`-th call. A good start follows, at once and after one that fails.
+void HitCalls(const Flow &flow, Fault fault, int stride)
 {
-    int calls = 1;
-    for (int call = -1; call < calls; call += call < 0 ? 1 : stride) {
-        int made = 0;
-        for (const bool failsFirst : {false, true}) {
-            const std::string where = flow.name + ", " + name + " at call " + std::to_string(call);
-            const Trees trees = Prepare(flow.hasCopy);
-            if (flow.killedBefore >= 0) {
-                StartTraced({flow.killedBefore}, made);
-            }
-            BreakPackage(flow.isPackageBroken);
-            const int status = StartTraced({call, fault}, made);
-            if (call < 0) {
-                calls = made; // of a start that nothing happens to
-                break;
-            }
-            if (fault < 0) {
-                Report(where, status == 128 + SIGKILL ? "" : "was not made");
-            } else if (flow.hasCopy) {
-                Report(where, Wrong(status, trees, false));
-            }
-            if (failsFirst) {
-                BreakPackage(true);
-                const int failing = Wait(SpawnLauncher());
-                if (flow.hasCopy) {
-                    Report(where + ", then a start that fails", Wrong(failing, trees, false));
-                }
-            }
-            BreakPackage(false);
-            Report(where + ", then a good start", Wrong(Wait(SpawnLauncher()), trees, true));
+    bool isHit = hasLoopDevice || fault >= KILL;
+    int call = 0;
+    for (; isHit; call += stride) {
+        Load(flow.home);
+        const Outcome start = Start(flow.isPackageBroken, fault, call);
+        const std::string where = flow.name + ", " + kFaultNames[fault] + " at call " +
+                                  std::to_string(call) + ", " + start.hit;
+        isHit = !start.hit.empty();
+        Expect(isHit || call > 0, where + "which is not made");
+        Check(where, start, flow.expected);
+        Save("hit");
+        Shell("rm -f home/fill");
+        Check(where + ", then a good start", Start(false), NEW_COPY_ALONE);
+        Load("hit");
+        Check(where + ", then a start that fails", Start(true), flow.expected);
+        Shell("rm -f home/fill");
+        Check(where + ", then that and a good start", Start(false), NEW_COPY_ALONE);
+    }
+    EndRow(flow.name + ", " + kFaultNames[fault] + (call > 0 ? "" : ": NOT MADE, no loop device"));
+}
+
+// Two to six starts that are interrupted or fail, then two good ones.
+void RandomSequences(int count, unsigned int seed)
+{
+    std::mt19937 random(seed);
+    const auto below = [&random](unsigned int end) { return static_cast<int>(random() % end); };
+    for (int sequence = 0; sequence < count; ++sequence) {
+        std::string done = "sequence " + std::to_string(sequence);
+        Load(below(2) == 0 ? "upgrade" : "stale");
+        for (int starts = 2 + below(5); starts > 0; --starts) {
+            const bool isPackageBroken = below(2) == 0;
+            const auto fault = static_cast<Fault>(hasLoopDevice ? below(3) : KILL);
+            const int call = below(100); // a start that makes fewer is not interrupted
+            done += (isPackageBroken ? ", a start that fails, " : ", a good start, ") +
+                    kFaultNames[fault] + " at call " + std::to_string(call);
+            Check(done, Start(isPackageBroken, fault, call), OLD_OR_NEW_COPY);
         }
+        Check(done + ", a good start", Start(false), OLD_OR_NEW_COPY);
+        Check(done + ", two good starts", Start(false), NEW_COPY_ALONE);
     }
-    EndRow(flow.name + ", " + name);
+    EndRow(std::to_string(count) + " random sequences, seed " + std::to_string(seed));
 }
 
-void FullAndReadOnly()
+void ReadOnly()
 {
-    for (const std::string spoil : {"head -c 2M /dev/zero >fill 2>/dev/null || true", "mount -o remount,ro ."}) {
-        const Trees trees = Prepare(true);
-        Shell("mv home saved; mkdir home; mount -t tmpfs -o size=1m none home; cp -a saved/. home; cd home; " + spoil);
-        const std::string wrong = Wrong(Wait(SpawnLauncher()), trees, false);
-        Report(spoil, Tree(app) == trees.oldCopy ? wrong : "the old copy is gone");
-        Shell("rm -f home/fill; umount home; rm -r saved");
-    }
-    EndRow("a full and a read-only file system");
+    Load("stale");
+    Shell("mount -o remount,ro home");
+    Check("read-only", Start(false), OLD_OR_NEW_COPY);
+    Shell("mount -o remount,rw home");
+    Check("no longer read-only", Start(false), NEW_COPY_ALONE);
+    EndRow("a read-only file system");
 }
 
-void Pairs(int stride)
+// Waits of 60 s: for a start script that sleeps, of another launcher for that one, and, in another
+// home, for a lock that is never released.
+void Waits()
 {
-    // A large file, so that the first takes longer than that.
-    Shell("head -c 30M /dev/zero >'" + package +
-          "/large'; mkdir -p opt/log; echo service_debug=6 >opt/log/launcher.debug");
-    for (int ms = 0; ms <= 20; ms += stride > 1 ? 4 : 1) {
-        const Trees trees = Prepare(true);
-        const pid_t first = SpawnLauncher(false, true);
-        usleep(static_cast<useconds_t>(ms) * 1000);
-        const int second = Wait(SpawnLauncher(false, true));
-        Report(std::to_string(ms) + " ms apart", Wrong(Wait(first) + second, trees, true));
-        const std::string log = ReadFile(home + "/.Brimlock/log/launcher.log");
-        Report("one of them upgrades, both start the client",
-               CountOf(log, "copy package") == 1 && CountOf(ReadFile(work + "/started"), "1001") == 2 ? "" : log);
-    }
-    Shell("rm '" + package + "/large' opt/log/launcher.debug");
-    EndRow("two launchers that cannot see each other's /tmp");
+    Load("upgrade");
+    Shell("cp -a home other; install -o 65534 /dev/null other/.Brimlock/upgrade.lock; rm started; "
+          "echo \"[ -e $PWD/slept ] || { >$PWD/slept; sleep 62; }\" "
+          ">>opt/package/larkspire/package/start-stop");
+    const int lock = open("other/.Brimlock/upgrade.lock", O_RDWR | O_CLOEXEC);
+    Expect(lockf(lock, F_TLOCK, 0) == 0, "the lock");
+    const pid_t slow = SpawnLauncher(false);
+    sleep(3);
+    const time_t begin = time(nullptr);
+    const pid_t next = SpawnLauncher(false);
+    setenv("HOME", (work + "/other").c_str(), 1);
+    const pid_t refused = SpawnLauncher(false);
+
+    Expect(Wait(next, 150000) == 0 && time(nullptr) - begin > 50, "waits for the start script");
+    const int status = Wait(slow) + Wait(refused);
+    const std::string ran = ReadFile("started");
+    Expect(status == 0 && CountOf(ran, "1001") == 2 && CountOf(ran, "1000") == 1, "started " + ran);
+    std::string log = ReadFile("home/.Brimlock/log/launcher.log");
+    Expect(CountOf(log, "[WARNING]") == 1 && CountOf(log, "[ERROR]") == 0, "a slow script: " + log);
+    log = ReadFile("other/.Brimlock/log/launcher.log");
+    Expect(CountOf(log, "[WARNING]") == 1 && CountOf(log, "Failed to upgrade package") == 1,
+           "a refused upgrade: " + log);
+    EndRow("a slow start script, and a lock that is not released");
 }
 
-// Another launcher that never ends its turn, and a start script that takes its time.
-void Patience()
+// Stages the package, and saves the states of the home that the flows begin with.
+void Prepare()
 {
-    Trees trees = Prepare(true);
-    Shell("echo 'sleep 62' >>'" + app + "/package/start-stop'");
-    trees.oldCopy = Tree(app);
-    const pid_t other = Spawn([] {
-        BecomeUnprivileged();
-        UserFolderLock lock;
-        return lock.Acquire(home + "/.Brimlock", {}) == UserFolderLock::HELD ? pause() : 1;
-    });
-    sleep(1);
-    const int status = Wait(SpawnLauncher(), 150000);
-    const std::string log = ReadFile(home + "/.Brimlock/log/launcher.log");
-    Report("a start that others hold up", Tree(app) == trees.oldCopy ? Wrong(status, trees, false) : "not held up");
-    Report("its WARNING lines", CountOf(log, "[WARNING]") == 2 ? "" : "missing: " + log);
-    kill(other, SIGKILL);
-    Wait(other);
-    EndRow("a turn and a start script that do not end");
-}
-
-void TwelveRounds()
-{
-    const Trees trees = Prepare(true);
-    for (int round = 0; round < 12; ++round) {
-        int calls = 0;
-        BreakPackage(false);
-        StartTraced({4 + 3 * round}, calls);
-        BreakPackage(true);
-        Report("a failing upgrade after a kill", Wrong(Wait(SpawnLauncher()), trees, false));
+    Shell("mkdir home disks; mount -t tmpfs none disks; truncate -s 8M disks/live; "
+          "mkfs.ext4 -q -F -m 0 disks/live");
+    hasLoopDevice = system("mount -o loop disks/live home 2>&-") == 0;
+    Shell("app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; . '" BRIMLOCK_TESTS "/install.sh'; "
+          "mkdir -p home/.hidden home/.Brimlock/data $app/lib/.deep; "
+          "echo kept | tee home/.hidden/file home/.Brimlock/data/db >$app/only-old; "
+          "head -c 20000 /dev/urandom | tee -a $folder/lib/.deep/data >$app/lib/.deep/data; "
+          "chown -hR 65534:65534 home");
+    oldCopy = Tree(app);
+    newCopy = Tree(package);
+    Save("upgrade");
+    Shell("rm -r " + app);
+    Save("none");
+    Shell("cp -r " + package + " " + app);
+    upgraded = Tree("home");
+    Load("upgrade");
+    Shell("cd home/.Brimlock; cp -a Brimlock.app Brimlock.app_tmp; "
+          "sed -i s/1000/999/ Brimlock.app_tmp/INFO Brimlock.app_tmp/package/start-stop");
+    Save("stale");
+    const int calls = Start(false).calls;
+    for (const std::string state : {"copying", "installed"}) {
+        Load("stale");
+        Start(false, KILL, state == "copying" ? calls / 3 : calls * 2 / 3);
+        Save(state);
     }
-    BreakPackage(false);
-    Report("one good upgrade after twelve rounds", Wrong(Wait(SpawnLauncher()), trees, true));
-    EndRow("twelve rounds of a kill and a failing upgrade");
 }
 } // namespace
 
-// Runs in a scratch folder with a staged install in "opt". Argument: every how many-th call is hit.
+// Runs in a scratch folder with a staged install in "opt". Arguments: every how many-th call is
+// hit, and the seed of the random sequences.
 // NOLINTNEXTLINE(bugprone-exception-escape): what is thrown ends the run with a failure
 int main(int argc, char **argv)
 {
     const int stride = argc > 1 ? atoi(argv[1]) : 1;
-    umask(022);
-    for (const char *variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "XDG_CURRENT_DESKTOP"}) {
-        unsetenv(variable);
-    }
-    setenv("HOME", home.c_str(), 1);
-    Shell("chmod 777 .");
-
-    printf("| what is done to the launcher                       | passed | failed |\n|---|---|---|\n");
-    for (const Flow &flow : {Flow{"an upgrade", true, false, -1},
-                             {"a first install", false, false, -1},
-                             {"a failing upgrade", true, true, -1},
-                             {"putting right", true, false, 15}}) {
-        Hit(flow, kKill, "SIGKILL", stride);
-        Hit(flow, kPowerCut, "power cut", stride);
-        Hit(flow, kPowerCutButInfo, "power cut that spares INFO", stride);
-        for (const int error : {EIO, ENOSPC, EACCES, EINTR}) {
-            Hit(flow, error, strerror(error), stride);
+    const auto seed = static_cast<unsigned int>(argc > 2 ? atoi(argv[2]) : time(nullptr));
+    Prepare();
+    printf("| what is done to the launcher | passed | failed |\n|---|---|---|\n");
+    for (const Flow &flow : {Flow{"an upgrade", "upgrade", false, OLD_OR_NEW_COPY},
+                             {"an upgrade beside a stale backup", "stale", false, OLD_OR_NEW_COPY},
+                             {"a failing upgrade", "stale", true, OLD_OR_NEW_COPY},
+                             {"a first install", "none", false, EXITS},
+                             {"recovery in mid-copy", "copying", false, OLD_OR_NEW_COPY},
+                             {"recovery after the copy", "installed", false, OLD_OR_NEW_COPY}}) {
+        for (const Fault fault :
+             {KILL, POWER_CUT, POWER_CUT_AFTER_COMMIT, IO_ERROR, FULL_DISK, SECOND_LAUNCHER}) {
+            HitCalls(flow, fault, stride);
         }
     }
-    FullAndReadOnly();
-    Pairs(stride);
-    Patience();
-    TwelveRounds();
-    printf("%d passed, %d failed\n", all[true], all[false]);
-    return all[false] == 0 && all[true] > 0 ? 0 : 1;
+    RandomSequences(stride > 1 ? 20 : 240, seed);
+    ReadOnly();
+    Waits();
+    printf("%d passed, %d failed\n", checks[true], checks[false]);
+    return checks[false] == 0 && checks[true] > 0 ? 0 : 1;
 }
