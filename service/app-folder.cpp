@@ -17,7 +17,8 @@
 namespace
 {
 const std::string kComponent = "service_debug";
-constexpr int kRenameAttempts = 2; // an error may be transient
+constexpr int kAttempts = 2; // an error may be transient
+constexpr int kDiscardNames = 10;
 
 constexpr char kRecovered[] = "an upgrade that was cut short has been put right\n"; // log readers search for it
 
@@ -26,11 +27,16 @@ enum Presence { PRESENT, MISSING, UNKNOWN };
 // Unlike IsFileExist(), tells a missing entry from one that cannot be looked at.
 Presence Look(const std::string &path)
 {
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) == 0) {
-        return PRESENT;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        struct stat status = {};
+        if (lstat(path.c_str(), &status) == 0) {
+            return PRESENT;
+        }
+        if (errno == ENOENT || errno == ENOTDIR) {
+            return MISSING;
+        }
     }
-    return errno == ENOENT || errno == ENOTDIR ? MISSING : UNKNOWN;
+    return UNKNOWN;
 }
 
 // Whether the folder has what every complete client has. MISSING when a part is missing.
@@ -60,10 +66,7 @@ std::string GetAppBackupDir(const std::string &base, int n)
     return name + suffix;
 }
 
-AppFolder::AppFolder(const std::string &appPath)
-    : path(appPath), parent(FSParentPath(appPath)), discarded(appPath + "_discarded"), journal(parent)
-{
-}
+AppFolder::AppFolder(const std::string &appPath) : path(appPath), parent(FSParentPath(appPath)), journal(parent) {}
 
 UserFolderLock::Result AppFolder::Lock(std::chrono::milliseconds timeout)
 {
@@ -78,7 +81,9 @@ AppFolder::Condition AppFolder::Recover(const std::function<void()> &stopClient)
 
 AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopClient)
 {
-    FSRemove(discarded, false);
+    for (int n = 0; n < kDiscardNames; ++n) {
+        FSRemove(DiscardName(n), false);
+    }
     before.reset();
     const Presence app = Look(path);
     if (app == UNKNOWN) {
@@ -96,7 +101,8 @@ AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopC
             return NotRecovered("the backup cannot be looked at");
         }
         // While MOVING the backup name may have been taken by another folder, so that nothing was moved.
-        if (backup == PRESENT && (app == MISSING || record.state == UpgradeJournal::COPYING)) {
+        const bool wasMoved = backup == PRESENT && (app == MISSING || record.state == UpgradeJournal::COPYING);
+        if (wasMoved && !IsBetterThanBackup()) {
             if (app == PRESENT) {
                 stopClient();
             }
@@ -127,6 +133,14 @@ AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopC
         LOGGER_NOTE(kComponent, "the copy in '%s' may be incomplete, an upgrade is due\n", path.c_str());
         return UPGRADE_DUE;
     }
+}
+
+// Whether the app folder looks like a complete client and the backup was moved aside because it is not one. The person
+// may have put a copy there.
+bool AppFolder::IsBetterThanBackup() const
+{
+    return !record.is_trusted && LookForClient(path) == PRESENT &&
+           LookForClient(GetAppBackupDir(path, record.backup)) == MISSING;
 }
 
 // The person may have removed a damaged copy: the backup with the highest build is used until a new copy is made.
@@ -306,7 +320,7 @@ bool AppFolder::GiveNameBack(int n) const
     if (Look(path) == PRESENT) {
         return false; // where folders are moved by copying, the backup would be mixed into it
     }
-    for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (FSRename(GetAppBackupDir(path, n), path, false) == 0) {
             return true;
         }
@@ -314,16 +328,25 @@ bool AppFolder::GiveNameBack(int n) const
     return false;
 }
 
-// Removes the folder. One that cannot be removed is renamed, to a name that is never taken for a client's. Returns
-// false when the folder still has its own name.
+// Removes the folder. One that cannot be removed is renamed to a name that is never taken for a client's. Returns false
+// when the folder still has its own name.
 bool AppFolder::Discard(const std::string &folder) const
 {
     FSRemove(folder, false);
     if (Look(folder) == MISSING) { // FSRemove() returns 0 for a folder that it cannot list
         return true;
     }
-    FSRemove(discarded, false);
-    return rename(folder.c_str(), discarded.c_str()) == 0;
+    for (int n = 0; n < kDiscardNames; ++n) {
+        if (rename(folder.c_str(), DiscardName(n).c_str()) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string AppFolder::DiscardName(int n) const
+{
+    return path + "_discarded" + (n == 0 ? "" : std::to_string(n));
 }
 
 // The lower numbers too: earlier upgrades may have left them.

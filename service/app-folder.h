@@ -80,16 +80,17 @@ public:
 private:
     Condition FindCondition(const std::function<void()> &stopClient);
     Condition RestoreBestBackup(UpgradeJournal::ReadResult found);
+    bool IsBetterThanBackup() const;
     Condition NotRecovered(const char *reason) const;
     Condition EndRolledBack();
     bool WriteRecord(UpgradeJournal::State state);
     bool GiveNameBack(int n) const;
     bool Discard(const std::string &folder) const;
+    std::string DiscardName(int n) const;
     void RemoveBackups(int last) const;
 
     const std::string path;
     const std::string parent;
-    const std::string discarded; // the name for a copy that cannot be removed
     const UpgradeJournal journal;
     UserFolderLock lock;
     Condition condition = INTACT;

@@ -42,6 +42,35 @@ bool IsFolderNotWritable(int error)
     return error == ENOENT || error == ENOTDIR || error == EACCES || error == EPERM || error == EROFS;
 }
 
+enum FileKind { REGULAR, IRREGULAR, FOLDER, ABSENT, FAILED_TO_READ };
+
+// Reads a regular file. `text` is empty for every other kind. FAILED_TO_READ: errno is set.
+FileKind ReadText(const std::string &path, std::string &text)
+{
+    text.clear();
+    const ScopedFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid()) {
+        if (errno == ENOENT || errno == ENOTDIR) {
+            return ABSENT;
+        }
+        return errno == ELOOP || errno == ENXIO ? IRREGULAR : FAILED_TO_READ; // a symbolic link or a socket
+    }
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0) {
+        return FAILED_TO_READ;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return S_ISDIR(status.st_mode) ? FOLDER : IRREGULAR;
+    }
+    char bytes[kMaxBytes];
+    const ssize_t size = read(file.get(), bytes, sizeof bytes);
+    if (size < 0) {
+        return FAILED_TO_READ;
+    }
+    text.assign(bytes, static_cast<size_t>(size));
+    return REGULAR;
+}
+
 std::string ToText(const UpgradeJournal::Record &record)
 {
     const std::string backup = record.backup == UpgradeJournal::kNoBackup ? "none" : std::to_string(record.backup);
@@ -81,34 +110,30 @@ UpgradeJournal::UpgradeJournal(const std::string &userFolder)
 
 UpgradeJournal::ReadResult UpgradeJournal::Read(Record &record) const
 {
-    const ScopedFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file.valid() && (errno == ENOENT || errno == ENOTDIR)) {
+    unlink(newPath.c_str()); // left by a Write() that was interrupted
+    std::string text;
+    FileKind kind = ReadText(path, text);
+    if (kind == FAILED_TO_READ) {
+        kind = ReadText(path, text); // the error may be transient
+    }
+    switch (kind) {
+    case ABSENT:
         return NONE;
-    }
-    if (!file.valid() && (errno == ELOOP || errno == ENXIO)) { // a symbolic link or a socket
-        record = kUnknown;
-        return READ;
-    }
-    struct stat status = {};
-    char text[kMaxBytes];
-    ssize_t size = -1;
-    if (file.valid() && fstat(file.get(), &status) == 0) {
-        if (S_ISDIR(status.st_mode)) {
-            LOGGER_ERROR(kComponent, "'%s' is a folder, which is left alone: no upgrade\n", path.c_str());
-            return UNREADABLE;
-        }
-        size = S_ISREG(status.st_mode) ? read(file.get(), text, sizeof text) : 0;
-    }
-    if (size < 0) {
+    case FOLDER:
+        LOGGER_ERROR(kComponent, "'%s' is a folder, which is left alone: no upgrade\n", path.c_str());
+        return UNREADABLE;
+    case FAILED_TO_READ:
         LOGGER_ERROR(kComponent, "cannot read '%s': %s (%d)\n", path.c_str(), strerror(errno), errno);
         return UNREADABLE;
+    case REGULAR:
+    case IRREGULAR:
+        break;
     }
-    const std::string whole(text, static_cast<size_t>(size));
-    if (FormatOf(whole) > kFormat) {
+    if (FormatOf(text) > kFormat) {
         LOGGER_ERROR(kComponent, "'%s' has a later format, which is left alone: no upgrade\n", path.c_str());
         return UNREADABLE;
     }
-    record = FromText(whole);
+    record = FromText(text);
     return READ;
 }
 

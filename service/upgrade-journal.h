@@ -31,7 +31,7 @@ public:
 
     // READ: `record` is what the file says. A file that is empty, cut off or not a regular file reads as COPYING
     // without a backup. UNREADABLE, with one ERROR line: a read error, a record of a later format, or a folder of that
-    // name. Otherwise `record` is untouched.
+    // name. Otherwise `record` is unchanged. Removes what an interrupted Write() has left beside the file.
     ReadResult Read(Record &record) const;
 
     enum WriteResult { WRITTEN, FAILED, FOLDER_NOT_WRITABLE };
