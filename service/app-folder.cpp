@@ -73,10 +73,134 @@ UserFolderLock::Result AppFolder::Lock(std::chrono::milliseconds timeout)
     return path.empty() ? UserFolderLock::NOT_LOCKABLE : lock.Acquire(parent, timeout);
 }
 
-AppFolder::Condition AppFolder::Recover(const std::function<void()> &stopClient)
+std::string AppFolder::DiscardName(int n) const
 {
-    condition = path.empty() ? INTACT : FindCondition(stopClient);
-    return condition;
+    return path + "_discarded" + (n == 0 ? "" : std::to_string(n));
+}
+
+// Removes the folder. One that cannot be removed is renamed to a name that is never taken for a client's. Returns false
+// when the folder still has its own name.
+bool AppFolder::Discard(const std::string &folder) const
+{
+    FSRemove(folder, false);
+    if (Look(folder) == MISSING) { // FSRemove() returns 0 for a folder that it cannot list
+        return true;
+    }
+    for (int n = 0; n < kDiscardNames; ++n) {
+        if (rename(folder.c_str(), DiscardName(n).c_str()) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The lower numbers too: earlier upgrades may have left them.
+void AppFolder::RemoveBackups(int last) const
+{
+    for (int n = 0; n <= last; ++n) {
+        Discard(GetAppBackupDir(path, n));
+    }
+}
+
+// Removes what is in the app folder, and renames the backup to it. Returns false when the backup keeps its name.
+bool AppFolder::GiveNameBack(int n) const
+{
+    if (Look(path) != MISSING) {
+        Discard(path);
+    }
+    if (Look(path) == PRESENT) {
+        return false; // where folders are moved by copying, the backup would be mixed into it
+    }
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (FSRename(GetAppBackupDir(path, n), path, false) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Writes the next step of the upgrade to the journal. Returns false, with one ERROR line, when the step must not be
+// done. Where the folder may not be written, the upgrade goes on without a journal.
+bool AppFolder::WriteRecord(UpgradeJournal::State state)
+{
+    record.state = state;
+    if (!hasJournal) {
+        return true;
+    }
+    const UpgradeJournal::WriteResult result = journal.Write(record);
+    if (result == UpgradeJournal::FOLDER_NOT_WRITABLE && isFirstRecord) {
+        hasJournal = false;
+        return true;
+    }
+    if (result != UpgradeJournal::WRITTEN) {
+        LOGGER_ERROR(kComponent, "cannot write '%s', no upgrade: %s (%d)\n", journal.Path().c_str(), strerror(errno),
+                     errno);
+        return false;
+    }
+    isFirstRecord = false;
+    return true;
+}
+
+// To be called when the app folder has the copy again that it had before the upgrade.
+AppFolder::Condition AppFolder::EndRolledBack()
+{
+    if (record.is_trusted) {
+        before.reset();
+        journal.Remove();
+        return INTACT;
+    }
+    before = UpgradeJournal::Record{UpgradeJournal::DUE, UpgradeJournal::kNoBackup, false};
+    journal.Write(*before); // if it fails, the record of the upgrade stays, and makes an upgrade due too
+    return UPGRADE_DUE;
+}
+
+AppFolder::Condition AppFolder::NotRecovered(const char *reason) const
+{
+    LOGGER_ERROR(kComponent, "no upgrade of '%s', %s: %s (%d)\n", path.c_str(), reason, strerror(errno), errno);
+    return NOT_RECOVERED;
+}
+
+// Whether the app folder looks like a complete client and the backup was moved aside because it is not one. The person
+// may have put a copy there.
+bool AppFolder::IsBetterThanBackup() const
+{
+    return !record.is_trusted && LookForClient(path) == PRESENT &&
+           LookForClient(GetAppBackupDir(path, record.backup)) == MISSING;
+}
+
+// The person may have removed a damaged copy: the backup with the highest build is used until a new copy is made.
+AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult found)
+{
+    int best = UpgradeJournal::kNoBackup;
+    int bestBuild = 0;
+    for (int n = 0; n < UpgradeJournal::kBackupNames; ++n) {
+        const std::string backup = GetAppBackupDir(path, n);
+        const Presence client = LookForClient(backup);
+        if (client == UNKNOWN) {
+            return NotRecovered("a backup cannot be looked at");
+        }
+        if (client == PRESENT) {
+            const int build = BuildNumber(ReadVersionFile(backup + "/INFO")["build_version"]);
+            if (best == UpgradeJournal::kNoBackup || build > bestBuild) {
+                best = n;
+                bestBuild = build;
+            }
+        }
+    }
+    const Condition result = found == UpgradeJournal::UNREADABLE ? NOT_RECOVERED : UPGRADE_DUE;
+    if (best == UpgradeJournal::kNoBackup) {
+        return found == UpgradeJournal::NONE ? INTACT : result;
+    }
+    if (result == UPGRADE_DUE) {
+        record.is_trusted = false;
+        EndRolledBack();
+    }
+    if (!GiveNameBack(best)) {
+        return NotRecovered("a backup cannot be renamed to it");
+    }
+    LOGGER_NOTE(kComponent, "'%s' was missing, '%s' is used until the next upgrade\n", path.c_str(),
+                GetAppBackupDir(path, best).c_str());
+    return result;
 }
 
 AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopClient)
@@ -135,53 +259,10 @@ AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopC
     }
 }
 
-// Whether the app folder looks like a complete client and the backup was moved aside because it is not one. The person
-// may have put a copy there.
-bool AppFolder::IsBetterThanBackup() const
+AppFolder::Condition AppFolder::Recover(const std::function<void()> &stopClient)
 {
-    return !record.is_trusted && LookForClient(path) == PRESENT &&
-           LookForClient(GetAppBackupDir(path, record.backup)) == MISSING;
-}
-
-// The person may have removed a damaged copy: the backup with the highest build is used until a new copy is made.
-AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult found)
-{
-    int best = UpgradeJournal::kNoBackup;
-    int bestBuild = 0;
-    for (int n = 0; n < UpgradeJournal::kBackupNames; ++n) {
-        const std::string backup = GetAppBackupDir(path, n);
-        const Presence client = LookForClient(backup);
-        if (client == UNKNOWN) {
-            return NotRecovered("a backup cannot be looked at");
-        }
-        if (client == PRESENT) {
-            const int build = BuildNumber(ReadVersionFile(backup + "/INFO")["build_version"]);
-            if (best == UpgradeJournal::kNoBackup || build > bestBuild) {
-                best = n;
-                bestBuild = build;
-            }
-        }
-    }
-    const Condition result = found == UpgradeJournal::UNREADABLE ? NOT_RECOVERED : UPGRADE_DUE;
-    if (best == UpgradeJournal::kNoBackup) {
-        return found == UpgradeJournal::NONE ? INTACT : result;
-    }
-    if (result == UPGRADE_DUE) {
-        record.is_trusted = false;
-        EndRolledBack();
-    }
-    if (!GiveNameBack(best)) {
-        return NotRecovered("a backup cannot be renamed to it");
-    }
-    LOGGER_NOTE(kComponent, "'%s' was missing, '%s' is used until the next upgrade\n", path.c_str(),
-                GetAppBackupDir(path, best).c_str());
-    return result;
-}
-
-AppFolder::Condition AppFolder::NotRecovered(const char *reason) const
-{
-    LOGGER_ERROR(kComponent, "no upgrade of '%s', %s: %s (%d)\n", path.c_str(), reason, strerror(errno), errno);
-    return NOT_RECOVERED;
+    condition = path.empty() ? INTACT : FindCondition(stopClient);
+    return condition;
 }
 
 int AppFolder::Begin()
@@ -199,6 +280,18 @@ int AppFolder::Begin()
     return 0;
 }
 
+void AppFolder::Cancel()
+{
+    if (!hasJournal) {
+        return;
+    }
+    if (before) {
+        journal.Write(*before); // if it fails, the record that the folder is about to be moved means the same
+    } else {
+        journal.Remove();
+    }
+}
+
 AppFolder::MoveResult AppFolder::MoveAside(int n)
 {
     record.backup = n;
@@ -212,16 +305,17 @@ AppFolder::MoveResult AppFolder::MoveAside(int n)
     return isRenamed || (Look(path) == MISSING && Look(backup) == PRESENT) ? MOVED : NOT_MOVED;
 }
 
-void AppFolder::Cancel()
+int AppFolder::RollBack()
 {
-    if (!hasJournal) {
-        return;
+    if (!GiveNameBack(record.backup)) {
+        LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n",
+                     GetAppBackupDir(path, record.backup).c_str());
+        return -1;
     }
-    if (before) {
-        journal.Write(*before); // if it fails, the record that the folder is about to be moved means the same
-    } else {
-        journal.Remove();
+    if (hasJournal) {
+        EndRolledBack();
     }
+    return 0;
 }
 
 int AppFolder::BeginCopy()
@@ -248,19 +342,6 @@ int AppFolder::Flush()
     return -1;
 }
 
-int AppFolder::RollBack()
-{
-    if (!GiveNameBack(record.backup)) {
-        LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n",
-                     GetAppBackupDir(path, record.backup).c_str());
-        return -1;
-    }
-    if (hasJournal) {
-        EndRolledBack();
-    }
-    return 0;
-}
-
 void AppFolder::Commit()
 {
     record = {UpgradeJournal::INSTALLED, std::max(record.backup, 0), true};
@@ -273,86 +354,5 @@ void AppFolder::Commit()
     RemoveBackups(record.backup);
     if (hasJournal) {
         journal.Remove();
-    }
-}
-
-// To be called when the app folder has the copy again that it had before the upgrade.
-AppFolder::Condition AppFolder::EndRolledBack()
-{
-    if (record.is_trusted) {
-        before.reset();
-        journal.Remove();
-        return INTACT;
-    }
-    before = UpgradeJournal::Record{UpgradeJournal::DUE, UpgradeJournal::kNoBackup, false};
-    journal.Write(*before); // if it fails, the record of the upgrade stays, and makes an upgrade due too
-    return UPGRADE_DUE;
-}
-
-// Writes the next step of the upgrade to the journal. Returns false, with one ERROR line, when the step must not be
-// done. Where the folder may not be written, the upgrade goes on without a journal.
-bool AppFolder::WriteRecord(UpgradeJournal::State state)
-{
-    record.state = state;
-    if (!hasJournal) {
-        return true;
-    }
-    const UpgradeJournal::WriteResult result = journal.Write(record);
-    if (result == UpgradeJournal::FOLDER_NOT_WRITABLE && isFirstRecord) {
-        hasJournal = false;
-        return true;
-    }
-    if (result != UpgradeJournal::WRITTEN) {
-        LOGGER_ERROR(kComponent, "cannot write '%s', no upgrade: %s (%d)\n", journal.Path().c_str(), strerror(errno),
-                     errno);
-        return false;
-    }
-    isFirstRecord = false;
-    return true;
-}
-
-// Removes what is in the app folder, and renames the backup to it. Returns false when the backup keeps its name.
-bool AppFolder::GiveNameBack(int n) const
-{
-    if (Look(path) != MISSING) {
-        Discard(path);
-    }
-    if (Look(path) == PRESENT) {
-        return false; // where folders are moved by copying, the backup would be mixed into it
-    }
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (FSRename(GetAppBackupDir(path, n), path, false) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Removes the folder. One that cannot be removed is renamed to a name that is never taken for a client's. Returns false
-// when the folder still has its own name.
-bool AppFolder::Discard(const std::string &folder) const
-{
-    FSRemove(folder, false);
-    if (Look(folder) == MISSING) { // FSRemove() returns 0 for a folder that it cannot list
-        return true;
-    }
-    for (int n = 0; n < kDiscardNames; ++n) {
-        if (rename(folder.c_str(), DiscardName(n).c_str()) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-std::string AppFolder::DiscardName(int n) const
-{
-    return path + "_discarded" + (n == 0 ? "" : std::to_string(n));
-}
-
-// The lower numbers too: earlier upgrades may have left them.
-void AppFolder::RemoveBackups(int last) const
-{
-    for (int n = 0; n <= last; ++n) {
-        Discard(GetAppBackupDir(path, n));
     }
 }

@@ -91,6 +91,35 @@ std::string Service::RegisteredPath(const char *key, const char *rest)
     return path.empty() ? path : path + rest;
 }
 
+AppFolder &Service::UserAppFolder()
+{
+    if (!userAppFolder) {
+        userAppFolder = std::make_unique<AppFolder>(app_path);
+    }
+    return *userAppFolder;
+}
+
+bool Service::OpenUserFolder()
+{
+    AppFolder &folder = UserAppFolder();
+    if (folder.Lock(kLockTimeout) == UserFolderLock::HELD_BY_ANOTHER) {
+        LOGGER_WARNING(kComponent, "another launcher has been at work in '%s' for %d s, starting what is in place\n",
+                       FSParentPath(app_path).c_str(), static_cast<int>(kLockTimeout.count()));
+        return false;
+    }
+    return folder.Recover([this] { StopService(); }) != AppFolder::NOT_RECOVERED;
+}
+
+void Service::CloseUserFolder()
+{
+    UserAppFolder().Unlock();
+}
+
+bool Service::IsUpgradeDue()
+{
+    return UserAppFolder().LastCondition() != AppFolder::INTACT;
+}
+
 void Service::LoadSourceVersion()
 {
     const std::string path = RegisteredPath(path_key::kUserBrimlockResource, kVersionFile);
@@ -105,11 +134,6 @@ void Service::LoadTargetVersion()
 {
     // A missing file is not reported by itself: it counts as build 0, and the log shows four empty values.
     LoadVersion("target_version", RegisteredPath(path_key::kRootResource, kVersionFile), target_version);
-}
-
-int Service::FSCopyPath(const std::string &src, const std::string &dst)
-{
-    return CopyTree(src, dst, nullptr);
 }
 
 int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnapshot *snapshot)
@@ -164,6 +188,11 @@ int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnap
     return 0;
 }
 
+int Service::FSCopyPath(const std::string &src, const std::string &dst)
+{
+    return CopyTree(src, dst, nullptr);
+}
+
 int Service::CopyPackage()
 {
     const std::string src = RegisteredPath(path_key::kRootResource, "/package/larkspire");
@@ -196,27 +225,6 @@ int Service::ExtractPackage()
     extractor.SetSource(src);
     extractor.SetTarget(dst);
     return extractor.Extract();
-}
-
-int Service::PrepareUserEnv()
-{
-    AppFolder &folder = UserAppFolder();
-    if (folder.Begin() != 0 || (folder.HasOldCopy() && !MoveAside(folder)) || folder.BeginCopy() != 0) {
-        return -1;
-    }
-    if (FillAppFolder(folder) != 0 || folder.Flush() != 0) {
-        // The messages speak of extraction also when the package folder was copied: log readers search for them.
-        if (!folder.HasOldCopy()) {
-            LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
-            return -1;
-        }
-        LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
-        folder.RollBack();
-        return -1;
-    }
-    LOGGER_INFO(kComponent, "user installation is ready, removing backup app\n");
-    folder.Commit();
-    return 0;
 }
 
 // Moves the app folder to the first backup name that can be used.
@@ -252,33 +260,25 @@ int Service::FillAppFolder(const AppFolder &folder)
     return result;
 }
 
-bool Service::OpenUserFolder()
+int Service::PrepareUserEnv()
 {
     AppFolder &folder = UserAppFolder();
-    if (folder.Lock(kLockTimeout) == UserFolderLock::HELD_BY_ANOTHER) {
-        LOGGER_WARNING(kComponent, "another launcher has been at work in '%s' for %d s, starting what is in place\n",
-                       FSParentPath(app_path).c_str(), static_cast<int>(kLockTimeout.count()));
-        return false;
+    if (folder.Begin() != 0 || (folder.HasOldCopy() && !MoveAside(folder)) || folder.BeginCopy() != 0) {
+        return -1;
     }
-    return folder.Recover([this] { StopService(); }) != AppFolder::NOT_RECOVERED;
-}
-
-void Service::CloseUserFolder()
-{
-    UserAppFolder().Unlock();
-}
-
-bool Service::IsUpgradeDue()
-{
-    return UserAppFolder().LastCondition() != AppFolder::INTACT;
-}
-
-AppFolder &Service::UserAppFolder()
-{
-    if (!userAppFolder) {
-        userAppFolder = std::make_unique<AppFolder>(app_path);
+    if (FillAppFolder(folder) != 0 || folder.Flush() != 0) {
+        // The messages speak of extraction also when the package folder was copied: log readers search for them.
+        if (!folder.HasOldCopy()) {
+            LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
+            return -1;
+        }
+        LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
+        folder.RollBack();
+        return -1;
     }
-    return *userAppFolder;
+    LOGGER_INFO(kComponent, "user installation is ready, removing backup app\n");
+    folder.Commit();
+    return 0;
 }
 
 void Service::RemoveAgedFolders()

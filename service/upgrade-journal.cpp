@@ -137,20 +137,6 @@ UpgradeJournal::ReadResult UpgradeJournal::Read(Record &record) const
     return READ;
 }
 
-UpgradeJournal::WriteResult UpgradeJournal::Write(const Record &record) const
-{
-    WriteResult result = WriteNewFile(ToText(record));
-    if (result == WRITTEN && (rename(newPath.c_str(), path.c_str()) != 0 || !FlushFolder(folder))) {
-        result = FAILED;
-    }
-    if (result == FAILED) {
-        const int error = errno;
-        unlink(newPath.c_str());
-        errno = error;
-    }
-    return result;
-}
-
 UpgradeJournal::WriteResult UpgradeJournal::WriteNewFile(const std::string &text) const
 {
     unlink(newPath.c_str()); // an earlier start, or another user, may have left one that cannot be written
@@ -163,6 +149,20 @@ UpgradeJournal::WriteResult UpgradeJournal::WriteNewFile(const std::string &text
     errno = ENOSPC; // for a write that stops short without an error
     const ssize_t written = write(file.get(), text.data(), text.size());
     return written == static_cast<ssize_t>(text.size()) && Flush(file.get()) ? WRITTEN : FAILED;
+}
+
+UpgradeJournal::WriteResult UpgradeJournal::Write(const Record &record) const
+{
+    WriteResult result = WriteNewFile(ToText(record));
+    if (result == WRITTEN && (rename(newPath.c_str(), path.c_str()) != 0 || !FlushFolder(folder))) {
+        result = FAILED;
+    }
+    if (result == FAILED) {
+        const int error = errno;
+        unlink(newPath.c_str());
+        errno = error;
+    }
+    return result;
 }
 
 int UpgradeJournal::Remove() const
