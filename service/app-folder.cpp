@@ -44,6 +44,9 @@ Presence LookForClient(const std::string &folder)
 {
     for (const char *part : {"/INFO", "/bin/brimlock-ui", "/package/start-stop"}) {
         const Presence presence = Look(folder + part);
+        if (presence == UNKNOWN && (errno == EACCES || errno == ELOOP)) {
+            return MISSING; // this user could not start it
+        }
         if (presence != PRESENT) {
             return presence;
         }
@@ -262,17 +265,22 @@ AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopC
 AppFolder::Condition AppFolder::Recover(const std::function<void()> &stopClient)
 {
     condition = path.empty() ? INTACT : FindCondition(stopClient);
-    return condition;
+    return *condition;
 }
 
-int AppFolder::Begin()
+int AppFolder::Begin(const std::function<void()> &stopClient)
 {
+    const Condition found = condition ? *condition : Recover(stopClient);
+    condition.reset(); // this upgrade may leave something to recover
+    if (found == NOT_RECOVERED) {
+        return -1;
+    }
     QDir().mkpath(QString::fromStdString(parent));
     const Presence app = Look(path);
     hasOldCopy = app == PRESENT;
     hasJournal = !path.empty();
     isFirstRecord = true;
-    record = {UpgradeJournal::MOVING, UpgradeJournal::kNoBackup, condition == INTACT};
+    record = {UpgradeJournal::MOVING, UpgradeJournal::kNoBackup, found == INTACT};
     if (app == UNKNOWN) {
         NotRecovered("it cannot be looked at");
         return -1;
@@ -322,10 +330,12 @@ int AppFolder::BeginCopy()
 {
     // syncfs() reports a write-back error only on a descriptor that was opened before the error.
     parentFd = std::make_unique<ScopedFd>(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (hasJournal && !parentFd->valid()) {
-        LOGGER_ERROR(kComponent, "cannot open '%s': %s (%d)\n", parent.c_str(), strerror(errno), errno);
-    } else if (WriteRecord(UpgradeJournal::COPYING)) {
-        return 0;
+    const int error = errno;
+    if (WriteRecord(UpgradeJournal::COPYING)) {
+        if (parentFd->valid() || !hasJournal) {
+            return 0;
+        }
+        LOGGER_ERROR(kComponent, "cannot open '%s': %s (%d)\n", parent.c_str(), strerror(error), error);
     }
     if (hasOldCopy) {
         RollBack();
@@ -335,8 +345,8 @@ int AppFolder::BeginCopy()
 
 int AppFolder::Flush()
 {
-    if (syncfs(parentFd->get()) == 0) {
-        return 0;
+    if (!parentFd->valid() || syncfs(parentFd->get()) == 0) {
+        return 0; // without the folder beside it, nothing can have been copied
     }
     LOGGER_ERROR(kComponent, "failed to flush '%s': %s (%d)\n", path.c_str(), strerror(errno), errno);
     return -1;

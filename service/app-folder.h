@@ -41,12 +41,13 @@ public:
     // was something to do, one ERROR with NOT_RECOVERED.
     Condition Recover(const std::function<void()> &stopClient);
 
-    // What the last Recover() has returned.
-    Condition LastCondition() const { return condition; }
+    // Whether Recover() has found that an upgrade must be made whatever the versions say.
+    bool IsUpgradeDue() const { return condition && *condition != INTACT; }
 
-    // Creates the folder in which the app folder lies, where it can, and looks at the app folder. Returns 0, or -1 with
-    // one ERROR line when it cannot be told whether there is one.
-    int Begin();
+    // Begins an upgrade. Calls Recover() first, unless that was done since the last upgrade. Creates the folder in
+    // which the app folder lies, if that is possible. Returns 0, or -1 with one ERROR line when the app folder must not
+    // be touched.
+    int Begin(const std::function<void()> &stopClient);
 
     // Whether Begin() has found an app folder.
     bool HasOldCopy() const { return hasOldCopy; }
@@ -93,7 +94,7 @@ private:
     const std::string parent;
     const UpgradeJournal journal;
     UserFolderLock lock;
-    Condition condition = INTACT;
+    std::optional<Condition> condition;           // from Recover(); none when an upgrade has begun since
     std::optional<UpgradeJournal::Record> before; // what the journal says before the upgrade
 
     // The upgrade that is going on.

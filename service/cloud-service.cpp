@@ -117,7 +117,7 @@ void Service::CloseUserFolder()
 
 bool Service::IsUpgradeDue()
 {
-    return UserAppFolder().LastCondition() != AppFolder::INTACT;
+    return UserAppFolder().IsUpgradeDue();
 }
 
 void Service::LoadSourceVersion()
@@ -263,7 +263,13 @@ int Service::FillAppFolder(const AppFolder &folder)
 int Service::PrepareUserEnv()
 {
     AppFolder &folder = UserAppFolder();
-    if (folder.Begin() != 0 || (folder.HasOldCopy() && !MoveAside(folder)) || folder.BeginCopy() != 0) {
+    if (folder.Begin([this] { StopService(); }) != 0) {
+        return -1;
+    }
+    if (folder.HasOldCopy() && !MoveAside(folder)) {
+        return -1;
+    }
+    if (folder.BeginCopy() != 0) {
         return -1;
     }
     if (FillAppFolder(folder) != 0 || folder.Flush() != 0) {

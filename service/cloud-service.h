@@ -56,7 +56,7 @@ public:
     // kPackageChanged, with one ERROR line: the package was replaced while it was copied, so the copy mixes two of
     // them.
     virtual int CopyPackage();
-    static constexpr int kPackageChanged = -2;
+    static constexpr int kPackageChanged = -200; // a number that no other failure has
 
     // Set source_version from the user's copy and target_version from the shipped one. Fields that the file does not
     // have keep their value.
@@ -65,8 +65,8 @@ public:
 
     // Moves the app folder aside to a free backup name and fills it anew through CopyPackage(), up to three times when
     // the package changes meanwhile. 0: the new copy is in place and on disk, and the backups are removed. -1: nothing
-    // has changed, or the old copy is back in place; without an old copy, what was written of the new one stays. What
-    // an interrupted or failed upgrade leaves in the journal is for the next OpenUserFolder().
+    // has changed, or the old copy is back in place; without an old copy, what was written of the new one stays.
+    // Recovers from an earlier upgrade first, unless OpenUserFolder() has done it.
     virtual int PrepareUserEnv();
 
     // Moves the predecessor's data into the user's folder. Then removes the predecessor's folder, also when the data

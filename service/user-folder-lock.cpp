@@ -44,6 +44,10 @@ UserFolderLock::Result UserFolderLock::Acquire(const std::string &folder, std::c
     path = folder + "/upgrade.lock";
     const auto end = std::chrono::steady_clock::now() + timeout;
     Result result = Try(folder);
+    if (result == NOT_LOCKABLE && errno == EACCES) { // root may be about to give the file to the folder's owner
+        std::this_thread::sleep_for(kPollInterval);
+        result = Try(folder);
+    }
     while (result == HELD_BY_ANOTHER && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(kPollInterval);
         result = Try(folder);
@@ -87,7 +91,7 @@ UserFolderLock::Result UserFolderLock::Try(const std::string &folder)
 void UserFolderLock::Release()
 {
     if (file) {
-        if (IsEmptyFile(file->get())) {
+        if (IsEmptyFile(file->get()) && IsStillNamed(file->get(), path)) {
             unlink(path.c_str());
         }
         file.reset();
