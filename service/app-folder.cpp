@@ -97,7 +97,7 @@ bool AppFolder::Discard(const std::string &folder) const
     return false;
 }
 
-// The lower numbers too: earlier upgrades may have left them.
+// Removes the backups with the numbers 0 to `last`.
 void AppFolder::RemoveBackups(int last) const
 {
     for (int n = 0; n <= last; ++n) {
@@ -144,7 +144,7 @@ bool AppFolder::WriteRecord(UpgradeJournal::State state)
     return true;
 }
 
-// To be called when the app folder has the copy again that it had before the upgrade.
+// Ends an upgrade that was undone: the app folder holds the same copy as before it.
 AppFolder::Condition AppFolder::EndRolledBack()
 {
     if (record.is_trusted) {
@@ -153,7 +153,7 @@ AppFolder::Condition AppFolder::EndRolledBack()
         return INTACT;
     }
     before = UpgradeJournal::Record{UpgradeJournal::DUE, UpgradeJournal::kNoBackup, false};
-    journal.Write(*before); // if it fails, the record of the upgrade stays, and makes an upgrade due too
+    journal.Write(*before); // on failure the record of the upgrade stays, which also says that one is due
     return UPGRADE_DUE;
 }
 
@@ -163,15 +163,16 @@ AppFolder::Condition AppFolder::NotRecovered(const char *reason) const
     return NOT_RECOVERED;
 }
 
-// Whether the app folder looks like a complete client and the backup was moved aside because it is not one. The person
-// may have put a copy there.
+// Whether the app folder has all parts of a client and the backup, which was incomplete when it was moved aside, has
+// not. A person may have put a copy there.
 bool AppFolder::IsBetterThanBackup() const
 {
     return !record.is_trusted && LookForClient(path) == PRESENT &&
            LookForClient(GetAppBackupDir(path, record.backup)) == MISSING;
 }
 
-// The person may have removed a damaged copy: the backup with the highest build is used until a new copy is made.
+// Renames the complete backup with the highest build to the missing app folder. A person may have removed a damaged
+// copy, and needs a client until an upgrade has succeeded.
 AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult found)
 {
     int best = UpgradeJournal::kNoBackup;
@@ -294,7 +295,7 @@ void AppFolder::Cancel()
         return;
     }
     if (before) {
-        journal.Write(*before); // if it fails, the record that the folder is about to be moved means the same
+        journal.Write(*before); // on failure the record MOVING stays, which means the same
     } else {
         journal.Remove();
     }

@@ -17,36 +17,34 @@ std::string GetAppBackupDir(const std::string &base, int n);
 // Replaces the user's copy of the client so that, whenever the process ends, the next start finds the complete old copy
 // or the complete new one. Each step is written to the journal before it is done.
 //
-// One upgrade: Begin(), MoveAside() where there is an old copy, BeginCopy(), the copying itself, Flush(), then Commit()
-// or RollBack(). Without a journal, because the folder beside the app folder may not be written, the steps are the same
-// and nothing is recorded.
+// An upgrade calls Begin(), then MoveAside() if there is an old copy, BeginCopy(), copies, calls Flush(), and at last
+// Commit() or RollBack(). Where the user's folder may not be written, the steps are the same without a journal.
 class AppFolder
 {
 public:
-    // An empty path is no folder: there is nothing to recover, and nothing is recorded.
+    // The user's folder is the parent of `appPath`. With an empty path there is nothing to recover and no journal.
     explicit AppFolder(const std::string &appPath);
 
-    // Locks the folder in which the app folder lies; see UserFolderLock.
+    // Lock and unlock the user's folder, see UserFolderLock.
     UserFolderLock::Result Lock(std::chrono::milliseconds timeout);
     void Unlock() { lock.Release(); }
 
     enum Condition {
-        INTACT,        // as the last upgrade has left it
-        UPGRADE_DUE,   // it may hold an incomplete copy, or a backup instead of the missing one: to be replaced
-        NOT_RECOVERED, // it cannot be told or done what is needed: do not touch it before the next start
+        INTACT,        // no upgrade was interrupted, or it has been finished or undone
+        UPGRADE_DUE,   // the app folder may hold an incomplete copy, or holds an old backup: it must be replaced
+        NOT_RECOVERED, // the recovery failed: nobody may touch the app folder until a later start succeeds
     };
 
-    // Finishes or undoes an upgrade that was interrupted. When the app folder is missing, the backup with the highest
-    // build gets its name. Calls `stopClient` before what is in the app folder is removed. Logs one line when there
-    // was something to do, one ERROR with NOT_RECOVERED.
+    // Finishes or undoes an upgrade that was interrupted. When the app folder is missing, renames the backup with the
+    // highest build to it. Calls `stopClient` before it removes the contents of the app folder. Logs one NOTE when
+    // there was something to do, and one ERROR with NOT_RECOVERED.
     Condition Recover(const std::function<void()> &stopClient);
 
     // Whether Recover() has found that an upgrade must be made whatever the versions say.
     bool IsUpgradeDue() const { return condition && *condition != INTACT; }
 
-    // Begins an upgrade. Calls Recover() first, unless that was done since the last upgrade. Creates the folder in
-    // which the app folder lies, if that is possible. Returns 0, or -1 with one ERROR line when the app folder must not
-    // be touched.
+    // Begins an upgrade. Calls Recover() first, unless that was done since the last upgrade. Tries to create the user's
+    // folder. Returns 0, or -1 with one ERROR line when the app folder must not be touched.
     int Begin(const std::function<void()> &stopClient);
 
     // Whether Begin() has found an app folder.
@@ -54,28 +52,29 @@ public:
 
     enum MoveResult { MOVED, NOT_MOVED, NOT_RECORDED };
 
-    // Renames the app folder to backup name `n`. NOT_MOVED: the name is taken, or the rename failed. NOT_RECORDED, with
-    // one ERROR line: the journal could not be written. With both the app folder is as it was.
+    // Renames the app folder to backup name `n`. NOT_MOVED: the rename failed, perhaps because the name is taken.
+    // NOT_RECORDED, with one ERROR line: the journal could not be written. After both, the app folder is unchanged.
     MoveResult MoveAside(int n);
 
-    // To be called when MoveAside() has failed for good: the journal is as before the upgrade.
+    // Ends an upgrade whose MoveAside() has failed for all names: restores the journal to what it was before.
     void Cancel();
 
-    // To be called before the first byte of the new copy is written. Returns 0, or -1 with one ERROR line when the
-    // journal could not be written: the old copy is back in place.
+    // To be called before the first byte of the new copy is written. Returns 0, or -1 with one ERROR line when that is
+    // not possible; the old copy then has its name back.
     int BeginCopy();
 
     // Removes what has been copied so far, for another try. Returns false when it is still there.
     bool RemoveCopy() const { return Discard(path); }
 
-    // Writes the new copy to disk. Returns 0, or -1 with one ERROR line.
+    // Flushes the new copy to disk. Returns 0, or -1 with one ERROR line.
     int Flush();
 
-    // Removes what has been copied and gives the old copy its name back. Returns 0, or -1 with one ERROR line: the old
-    // copy keeps its backup name, and the next Recover() tries again.
+    // Removes what has been copied and renames the backup to the app folder. Returns 0, or -1 with one ERROR line; the
+    // backup then keeps its name, and the next Recover() tries again.
     int RollBack();
 
-    // Removes the backup and those with lower numbers. To be called when the new copy is complete and flushed.
+    // To be called when the new copy is complete and flushed. Removes the backup, and those with lower numbers, which
+    // earlier upgrades may have left.
     void Commit();
 
 private:
@@ -94,15 +93,15 @@ private:
     const std::string parent;
     const UpgradeJournal journal;
     UserFolderLock lock;
-    std::optional<Condition> condition;           // from Recover(); none when an upgrade has begun since
-    std::optional<UpgradeJournal::Record> before; // what the journal says before the upgrade
+    std::optional<Condition> condition;           // the result of Recover(); empty after Begin()
+    std::optional<UpgradeJournal::Record> before; // what the journal says outside an upgrade
 
-    // The upgrade that is going on.
+    // Of the current upgrade:
     bool hasOldCopy = false;
     bool hasJournal = false;
     bool isFirstRecord = true;
     UpgradeJournal::Record record;
-    std::unique_ptr<ScopedFd> parentFd; // open while a copy is made
+    std::unique_ptr<ScopedFd> parentFd; // the user's folder, open while a copy is made
 };
 
 #endif
