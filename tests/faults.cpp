@@ -203,7 +203,7 @@ std::set<std::string> Rest()
 Trees Prepare(bool hasCopy)
 {
     Shell("rm -rf home started opt/package/larkspire/lib/broken; app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; . "
-          "'" BRIMLOCK_TESTS "/install.sh'; mkdir -p home/.hidden home/.Brimlock/data $app/lib/.deep; "
+          "'" BRIMLOCK_TESTS "/make-clients.sh'; mkdir -p home/.hidden home/.Brimlock/data $app/lib/.deep; "
           "echo kept | tee home/.hidden/file home/.Brimlock/data/db >$app/only-old; "
           "head -c 20000 /dev/urandom | tee -a $folder/lib/.deep/data >$app/lib/.deep/data");
     Trees trees = {Tree(app), Tree(package), Rest()};

@@ -9,7 +9,7 @@
 #include "service/linux/linux-service.h"
 #include "tests/support.h"
 
-// A user's copy and a newer shipped client, as install.sh makes them.
+// A user's copy and a newer shipped client, as make-clients.sh makes them.
 class InstallTest : public ScratchTest
 {
 protected:
@@ -23,7 +23,7 @@ protected:
         for (const auto &[key, path] : paths) {
             UIPathManager::getInstance()->setPath(key, QString::fromStdString(Path(path)));
         }
-        Shell(". '" BRIMLOCK_TESTS "/install.sh'");
+        Shell(". '" BRIMLOCK_TESTS "/make-clients.sh'");
     }
 
     const std::string app = Path("base/app");

@@ -87,7 +87,7 @@ public:
     {
         Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; "
               ". '" BRIMLOCK_TESTS
-              "/install.sh'; printf 'launcher_debug=7\nservice_debug=7\n' >opt/log/launcher.debug");
+              "/make-clients.sh'; printf 'launcher_debug=7\nservice_debug=7\n' >opt/log/launcher.debug");
         old = Tree(app);
     }
 

@@ -153,7 +153,7 @@ TEST_F(ServiceTest, APackageThatChangesWhileItIsCopiedIsNotInstalled)
         Shell("cd opt/package; mkfifo larkspire/gate; timeout 30 sh -c 'exec 3>larkspire/gate; " + change + "' & true");
         EXPECT_EQ(service.PrepareUserEnv(), -1) << change;
         EXPECT_EQ(Tree(Path("base")), old) << change;
-        Shell("rm -rf opt; . '" BRIMLOCK_TESTS "/install.sh'");
+        Shell("rm -rf opt; . '" BRIMLOCK_TESTS "/make-clients.sh'");
     }
     Shell("test $(grep -c '\\[ERROR\\].*: Failed to extract package, rollback to old installation$' log) = 6");
     EXPECT_EQ(service.PrepareUserEnv(), 0) << "at rest";
