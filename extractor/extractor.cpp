@@ -34,7 +34,7 @@ bool IsFifo(const std::string &path)
     return stat(path.c_str(), &info) == 0 && S_ISFIFO(info.st_mode);
 }
 
-// Returns false with the reader's error set.
+// Accepts every format and compression that libarchive knows. Returns false when the source cannot be opened.
 bool Open(archive *reader, const std::string &source)
 {
     archive_read_support_filter_all(reader);
@@ -42,18 +42,14 @@ bool Open(archive *reader, const std::string &source)
     return archive_read_open_filename(reader, source.c_str(), kBlockBytes) == ARCHIVE_OK;
 }
 
-// Why an entry could not be written: the writer's error, else the reader's. libarchive does not always say.
-const char *WriteFailure(archive *writer, archive *reader)
+// The text of the archive's last error, or `fallback`: libarchive sets no text for some damaged archives.
+const char *ErrorText(archive *failed, const char *fallback = "unreadable entry")
 {
-    for (archive *side : {writer, reader}) {
-        if (const char *text = archive_error_string(side)) {
-            return text;
-        }
-    }
-    return "unreadable entry";
+    const char *text = archive_error_string(failed);
+    return text != nullptr ? text : fallback;
 }
 
-// A reader for Count() and List(); null, and logged, when the source cannot be opened.
+// Returns a reader for Count() and List(), or null, with an ERROR line, when the source cannot be opened.
 Reader OpenForReading(const std::string &source)
 {
     Reader reader(archive_read_new());
@@ -62,7 +58,7 @@ Reader OpenForReading(const std::string &source)
         return reader;
     }
     if (!Open(reader.get(), source)) {
-        LOGGER_ERROR(kComponent, "archive_read_open_filename failed: '%s'\n", archive_error_string(reader.get()));
+        LOGGER_ERROR(kComponent, "archive_read_open_filename failed: '%s'\n", ErrorText(reader.get()));
         reader.reset();
     }
     return reader;
@@ -91,7 +87,7 @@ int Extractor::Count()
 int Extractor::List()
 {
     if (target.empty() || source.empty()) {
-        // No return: with an empty source the listing of what comes in on standard input is relied on.
+        // Do not return: with an empty source, callers rely on a listing of standard input.
         LOGGER_ERROR(kComponent, "Invalid argument\n");
     }
     const Reader reader = OpenForReading(source);
@@ -111,16 +107,17 @@ int Extractor::List()
 int Extractor::Extract()
 {
     if (source.empty() || target.empty()) {
-        // The capital A tells it from Count()'s.
+        // The capital A is intended: log readers tell this line from that of Count() by it.
         LOGGER_ERROR(kComponent, "Invalid Argument\n");
         return -1;
     }
     LOGGER_DEBUG(kComponent, "decompress from '%s' to '%s'\n", source.c_str(), target.c_str());
 
-    // Said before the archive is touched: the label shows also when extraction fails at once.
+    // Set the label before opening the archive, so that it is shown even if that fails.
     Notify_Adapter::GetInstance()->UpdateDialogText(StrTable::WithClientName(StrTable::CLIENT_INITIALIZING));
 
-    if (IsFifo(source)) { // what has been counted would be gone, and its writer may never come
+    // Counting would use up the data of a FIFO, and opening it again would wait for another writer.
+    if (IsFifo(source)) {
         LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", source.c_str(), "a FIFO cannot be read twice");
         return -1;
     }
@@ -137,8 +134,7 @@ int Extractor::Extract()
     }
     archive_write_disk_set_options(writer.get(), kDiskOptions);
     if (!Open(reader.get(), source)) {
-        LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", source.c_str(),
-                     archive_error_string(reader.get()));
+        LOGGER_ERROR(kComponent, "Failed to read file '%s' ('%s')\n", source.c_str(), ErrorText(reader.get()));
         return -1;
     }
     return ExtractEntries(reader.get(), writer.get(), total);
@@ -153,22 +149,23 @@ int Extractor::ExtractEntries(archive *reader, archive *writer, int total)
             return 0;
         }
         if (result != ARCHIVE_OK) {
-            LOGGER_ERROR(kComponent, "archive_read_next_header failed: '%s'\n", archive_error_string(reader));
+            LOGGER_ERROR(kComponent, "archive_read_next_header failed: '%s'\n", ErrorText(reader));
             return -1;
         }
         const char *name = archive_entry_pathname(entry);
         if (name == nullptr) {
-            LOGGER_ERROR(kComponent, "archive_entry_pathname failed"); // without a line end
+            LOGGER_ERROR(kComponent, "archive_entry_pathname failed"); // log readers expect no line end
             return -1;
         }
         archive_entry_set_pathname(entry, (target + "/" + name).c_str());
         if (archive_read_extract2(reader, entry, writer) != ARCHIVE_OK) {
-            LOGGER_ERROR(kComponent, "archive_read_extract2 failed: '%s'\n", WriteFailure(writer, reader));
+            // Reading may have failed; then the writer has no error text.
+            LOGGER_ERROR(kComponent, "archive_read_extract2 failed: '%s'\n", ErrorText(writer, ErrorText(reader)));
             return -1;
         }
         Notify_Adapter::GetInstance()->UpdateProgress(total, done);
         if (archive_write_finish_entry(writer) != ARCHIVE_OK) {
-            LOGGER_ERROR(kComponent, "archive_write_finish_entry failed: '%s'\n", archive_error_string(writer));
+            LOGGER_ERROR(kComponent, "archive_write_finish_entry failed: '%s'\n", ErrorText(writer));
             return -1;
         }
     }
@@ -189,11 +186,11 @@ int Extractor::copy_data(archive *reader, archive *writer)
             return 0;
         }
         if (result != ARCHIVE_OK) {
-            LOGGER_ERROR(kComponent, "archive_read_data_block failed: '%s'\n", archive_error_string(reader));
+            LOGGER_ERROR(kComponent, "archive_read_data_block failed: '%s'\n", ErrorText(reader));
             return -1;
         }
         if (archive_write_data_block(writer, buffer, size, offset) != ARCHIVE_OK) {
-            LOGGER_ERROR(kComponent, "archive_write_data_block failed: '%s'\n", archive_error_string(writer));
+            LOGGER_ERROR(kComponent, "archive_write_data_block failed: '%s'\n", ErrorText(writer));
             return -1;
         }
     }

@@ -5,36 +5,34 @@
 
 struct archive;
 
-// Unpacks an archive of any format and compression that libarchive reads. Each call opens and closes the
-// archive for itself; an object is for one thread at a time. Every failure is -1 and an ERROR line where it
-// is found.
+// Counts, lists and unpacks an archive of any format and compression that libarchive reads. Each call opens and closes
+// the archive itself. An object is used by one thread at a time. Every failure is reported by -1 and one ERROR line.
 class Extractor
 {
 public:
-    // A file, or for Count() and List() anything that can be read once from end to end: a FIFO, whose writer
-    // they wait for, or "/dev/stdin".
+    // The archive: a file. Count() and List() also read a FIFO, for whose writer they wait, or "/dev/stdin".
     void SetSource(const std::string &path) { source = path; }
 
     // The folder to unpack into, without a trailing "/".
     void SetTarget(const std::string &folder) { target = folder; }
 
-    // The number of entries, or -1 when the source cannot be opened or source or target is not set. Counting
-    // ends, without a failure, at the first entry that cannot be read.
+    // Returns the number of entries. It stops counting, without a failure, at the first entry that cannot be read.
+    // Returns -1 when the source cannot be opened, or when source or target is empty.
     int Count();
 
-    // Writes the entries' names to standard output, one a line. Returns 0, or -1 when the source cannot be
-    // opened. Without source or target it logs an error and goes on; without a source it reads standard
-    // input.
+    // Writes the path of each entry to standard output, one a line. It stops, without a failure, at the first entry
+    // that cannot be read. Returns 0, or -1 when the source cannot be opened. When source or target is empty it logs
+    // an error and goes on; with an empty source it reads standard input.
     int List();
 
-    // Unpacks the source below the target (what the archive's links can do is told in docs/behaviour.md),
-    // replacing what is there, and reports label and progress through Notify_Adapter. Reads the source twice,
-    // so a FIFO is refused at once. Returns 0, or -1 at the first entry that cannot be read or written whole;
-    // what was written before it stays, and the caller removes it. Owners, times and attributes are not
-    // restored.
+    // Unpacks the source below the target and replaces files that exist there. What links in the archive can do is
+    // told in docs/behaviour.md. Reports label and progress through Notify_Adapter. Reads the source twice and
+    // therefore refuses a FIFO. Owners, times and attributes are not restored. Returns 0, or -1 at the first entry
+    // that cannot be read or written completely; the files written before stay, and the caller removes them.
     int Extract();
 
-    // Copies the data of the reader's current entry to the writer's. Both stay the caller's. Returns 0 or -1.
+    // Copies the data of the reader's current entry to the writer's. The caller keeps both. Returns 0 or -1; after -1
+    // a part of the data may have been written.
     int copy_data(archive *reader, archive *writer);
 
 private:

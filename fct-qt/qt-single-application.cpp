@@ -12,7 +12,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "fct-qt/process-start.h"
+#include "fct-qt/process-start-time.h"
 
 namespace
 {

@@ -37,6 +37,10 @@ public:
 
     // A set of bits, for LogMsg3() only.
     enum ConfigFlag : int32_t { FLAG_NEWLINE = 2, FLAG_ERRNO = 4 };
+    friend constexpr ConfigFlag operator|(ConfigFlag a, ConfigFlag b)
+    {
+        return static_cast<ConfigFlag>(static_cast<int32_t>(a) | static_cast<int32_t>(b));
+    }
 
     struct InitConfig {
         Type type = TYPE_STDOUT;

@@ -77,13 +77,13 @@ TEST_F(LogTest, ShowsTheCallersErrnoAndRotatesAfterTheLineThatPassesFiveMebibyte
     // A new thread has no time stamp yet, so its first line looks for the zone, which fails.
     std::thread([&text] {
         errno = EDQUOT;
-        Logger::LogMsg3(Logger::ERROR, "launcher_debug", text, Logger::ConfigFlag(6));
+        Logger::LogMsg3(Logger::ERROR, "launcher_debug", text, Logger::FLAG_NEWLINE | Logger::FLAG_ERRNO);
         EXPECT_EQ(errno, EDQUOT);
         LOGGER_ERROR("a component whose name is too long to be kept in place", "%s\n", "direct");
         EXPECT_EQ(errno, EDQUOT);
         errno = 0;
         text.str("quiet");
-        Logger::LogMsg3(Logger::ERROR, "launcher_debug", text, Logger::ConfigFlag(4));
+        Logger::LogMsg3(Logger::ERROR, "launcher_debug", text, Logger::FLAG_ERRNO);
     }).join();
     unsetenv("TZ");
     const std::string stamp = "\\d{4}(-\\d\\d){2}T\\d\\d(:\\d\\d){2} ";

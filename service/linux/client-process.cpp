@@ -14,7 +14,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "fct-qt/process-start.h"
+#include "fct-qt/process-start-time.h"
 #include "fileop/file-op.h"
 
 namespace

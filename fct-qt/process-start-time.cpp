@@ -1,4 +1,4 @@
-#include "fct-qt/process-start.h"
+#include "fct-qt/process-start-time.h"
 
 #include <fstream>
 #include <iterator>
@@ -6,7 +6,7 @@
 
 namespace
 {
-// Fields before it in the file "stat", counted from the state, which follows the program's name in brackets.
+// The fields of /proc/PID/stat between the program's name and the start time.
 constexpr int kFieldsBeforeStartTime = 19;
 } // namespace
 
@@ -14,7 +14,8 @@ std::optional<uint64_t> ProcessStartTicks(const std::string &processFolder)
 {
     std::ifstream file(processFolder + "/stat");
     const std::string status((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    const size_t nameEnd = status.rfind(')'); // the name itself may hold blanks, brackets and line ends
+    // The program's name stands in brackets and may itself hold blanks, brackets and line ends.
+    const size_t nameEnd = status.rfind(')');
     if (nameEnd == std::string::npos) {
         return std::nullopt;
     }
