@@ -23,7 +23,7 @@
 namespace fs = std::filesystem;
 
 constexpr uid_t kNobody = 65534;
-constexpr int kWaitMilliseconds = 60000;
+constexpr int kWaitMilliseconds = 30000;
 
 inline std::string ReadFile(const fs::path &path)
 {
@@ -143,8 +143,9 @@ protected:
         const std::string trace = scratch.string() + ".trace";
         const std::string whole = "exec >'" + out + "' 2>'" + trace + "'; cd '" + scratch.string() +
                                   "' && set -ex\n" + commands;
-        EXPECT_EQ(system(whole.c_str()), 0) << ReadFile(trace);
+        const int status = system(whole.c_str());
         const std::string printed = ReadFile(out);
+        EXPECT_EQ(status, 0) << printed << ReadFile(trace);
         remove(out.c_str());
         remove(trace.c_str());
         return printed;
