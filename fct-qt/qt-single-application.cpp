@@ -16,9 +16,8 @@
 
 namespace
 {
-constexpr int kGuardNames = 8;
-constexpr int kListenTries = 20;
-constexpr useconds_t kListenPauseMicroseconds = 1000;
+constexpr int kBindTries = 20;
+constexpr useconds_t kBindPauseMicroseconds = 1000;
 
 QByteArray Platforms(bool wantsDisplay, const QByteArray &chosen)
 {
@@ -35,13 +34,12 @@ QByteArray Platforms(bool wantsDisplay, const QByteArray &chosen)
     return offered + last;
 }
 
-// A name that depends on the user alone. Not on the environment, which differs between a desktop session, a terminal
-// and a remote login. It is no file's: there is nothing that could be full, read-only or cleaned away, and it goes
-// with the process.
-socklen_t GuardAddress(int number, sockaddr_un &address)
+// The address of the user's instance socket. It depends on the user alone and not on the environment, which differs
+// between a desktop session, a terminal and a remote login. It is abstract: it is no file, so no full or read-only disk
+// and no clean-up of temporary files affects it, and it ends with the process.
+socklen_t InstanceAddress(sockaddr_un &address)
 {
-    const QByteArray name = "veltrano-brimlock-launcher-" + QByteArray::number(getuid()) +
-                            (number == 0 ? QByteArray() : "-" + QByteArray::number(number));
+    const QByteArray name = "veltrano-brimlock-launcher-" + QByteArray::number(getuid());
     address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path + 1, name.constData(), static_cast<size_t>(name.size())); // after a 0: abstract
@@ -53,44 +51,47 @@ int NewSocket()
     return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 }
 
-enum class Holder { kUs, kSameUser, kStranger, kNobody };
+// Who listens at the instance address.
+enum class Listener { kThisProcess, kSameUser, kNobody, kUnknown };
 
-// Who listens under the name.
-Holder AskHolder(const sockaddr_un &address, socklen_t size)
+// Connects to find out. kUnknown: another user, or a queue of connections that is full.
+Listener FindListener(const sockaddr_un &address, socklen_t size)
 {
     const int fd = NewSocket();
     const bool isConnected = connect(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0;
-    Holder holder = isConnected || errno != ECONNREFUSED ? Holder::kStranger : Holder::kNobody;
+    Listener listener = !isConnected && errno == ECONNREFUSED ? Listener::kNobody : Listener::kUnknown;
     ucred peer = {};
     socklen_t peerSize = sizeof peer;
     if (isConnected && getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &peerSize) == 0 && peer.uid == getuid()) {
-        holder = Holder::kSameUser;
+        listener = Listener::kSameUser;
     }
     close(fd);
-    return holder;
+    return listener;
 }
 
-// Returns Holder::kUs with the socket that now holds the name.
-Holder TakeName(int number, int &fd)
+// Binds a socket to the instance address and listens. Sets `fd` to it, or to -1 when the result is not kThisProcess.
+Listener BindInstanceSocket(int &fd)
 {
     sockaddr_un address;
-    const socklen_t size = GuardAddress(number, address);
+    const socklen_t size = InstanceAddress(address);
+    Listener listener = Listener::kUnknown;
     fd = NewSocket();
-    for (int tries = 0; fd >= 0 && tries < kListenTries; ++tries) {
+    for (int tries = 0; fd >= 0 && tries < kBindTries; ++tries) {
         if (bind(fd, reinterpret_cast<const sockaddr *>(&address), size) == 0 && listen(fd, SOMAXCONN) == 0) {
-            return Holder::kUs;
+            return Listener::kThisProcess;
         }
-        const Holder holder = errno == EADDRINUSE ? AskHolder(address, size) : Holder::kStranger;
-        if (holder != Holder::kNobody) {
-            close(fd);
-            return holder;
+        listener = errno == EADDRINUSE ? FindListener(address, size) : Listener::kUnknown;
+        if (listener != Listener::kNobody) {
+            break;
         }
-        usleep(kListenPauseMicroseconds); // it is about to listen, or has just ended
+        usleep(kBindPauseMicroseconds); // its owner is about to listen, or has just ended
     }
     close(fd);
-    return Holder::kStranger;
+    fd = -1;
+    return listener;
 }
-bool IsSame(const std::string &path, const std::string &other)
+
+bool IsSameFile(const std::string &path, const std::string &other)
 {
     struct stat status = {};
     struct stat otherStatus = {};
@@ -98,52 +99,66 @@ bool IsSame(const std::string &path, const std::string &other)
            status.st_dev == otherStatus.st_dev && status.st_ino == otherStatus.st_ino;
 }
 
-bool IsOlder(const std::string &process, pid_t pid)
+// Of two processes that started in the same clock tick, the one with the lower process id counts as older.
+bool IsOlder(const std::string &processFolder, pid_t pid)
 {
-    const std::optional<uint64_t> started = ProcessStartTicks(process);
+    const std::optional<uint64_t> started = ProcessStartTicks(processFolder);
     return started && std::pair(started, pid) < std::pair(ProcessStartTicks("/proc/self"), getpid());
 }
 
-// Whether this user already runs this program, as the list of processes has it. Of two, one is the older.
-bool HasOlderTwin()
+// Whether an older process of this user runs this program in this network namespace, for which socket names hold.
+bool HasOlderInstance()
 {
-    std::error_code none;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc", none)) {
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", ignored)) {
         const std::string process = entry.path().string();
         const pid_t pid = atoi(entry.path().filename().c_str());
         struct stat status = {};
         if (pid > 0 && stat(process.c_str(), &status) == 0 && status.st_uid == getuid() &&
-            IsSame(process + "/exe", "/proc/self/exe") && IsSame(process + "/ns/net", "/proc/self/ns/net") &&
+            IsSameFile(process + "/exe", "/proc/self/exe") && IsSameFile(process + "/ns/net", "/proc/self/ns/net") &&
             IsOlder(process, pid)) {
             return true;
         }
     }
     return false;
 }
+
+// Qt reads QT_FATAL_WARNINGS and QT_FATAL_CRITICALS once in a process, at the first critical message. This one is not
+// shown.
+void LetQtReadFatalVariables()
+{
+    const QtMessageHandler handler =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    qCritical("-");
+    qInstallMessageHandler(handler);
+}
 } // namespace
 
-PlatformChoice::PlatformChoice(bool wantsDisplay)
+QtEnvironment::QtEnvironment(bool wantsDisplay)
 {
     Set("QT_QPA_PLATFORM", Platforms(wantsDisplay, qgetenv("QT_QPA_PLATFORM")));
     Set("QT_QPA_PLATFORMTHEME", "");
     Set("QT_STYLE_OVERRIDE", "");
     Set("QT_IM_MODULE", "none");
-    // Qt itself knows the themes of one desktop; for the others it would ask their own libraries.
+    // Qt itself has the theme of one desktop. For the others it would load a library of theirs.
     if (!qgetenv("XDG_CURRENT_DESKTOP").split(':').contains("KDE")) {
         Set("XDG_CURRENT_DESKTOP", "none");
         Set("DESKTOP_SESSION", "");
     }
+    Set("QT_FATAL_WARNINGS", "");
+    Set("QT_FATAL_CRITICALS", "");
+    LetQtReadFatalVariables();
 }
 
-void PlatformChoice::Set(const char *name, const QByteArray &value)
+void QtEnvironment::Set(const char *name, const QByteArray &value)
 {
-    own.emplace_back(name, qgetenv(name));
+    original.emplace_back(name, qgetenv(name));
     qputenv(name, value);
 }
 
-void PlatformChoice::PutBack() const
+void QtEnvironment::RestoreEnvironment() const
 {
-    for (const auto &[name, value] : own) {
+    for (const auto &[name, value] : original) {
         if (value.isNull()) {
             qunsetenv(name);
         } else {
@@ -153,54 +168,27 @@ void PlatformChoice::PutBack() const
 }
 
 QtSingleApplication::QtSingleApplication(int &argc, char **argv, bool GUIenabled)
-    : PlatformChoice(GUIenabled), QApplication(argc, argv)
+    : QtEnvironment(GUIenabled), QApplication(argc, argv)
 {
-    PutBack();
-    // Else each window sets up OpenGL, which is slow, and crashes when the display goes away meanwhile.
+    RestoreEnvironment();
+    // Otherwise each window sets up OpenGL, which is slow and crashes when the display goes away meanwhile.
     setAttribute(Qt::AA_ForceRasterWidgets);
-    TakeGuard();
+    BindInstanceSocket(instanceSocket);
 }
 
 QtSingleApplication::~QtSingleApplication()
 {
-    DropGuard();
+    if (instanceSocket >= 0) {
+        close(instanceSocket);
+    }
 }
 
 bool QtSingleApplication::isRunning()
 {
-    return guard.empty() && !TakeGuard();
-}
-
-// Takes every name that is free, in order, and passes over those that another user holds, who can keep nobody from
-// the rest. False: another process of this user holds one. Everybody goes the same way, so of two that come at once
-// one meets the other, and never both: the first name that they can have at all decides.
-bool QtSingleApplication::TakeGuard()
-{
-    bool hasMetStranger = false;
-    for (int number = 0; number < kGuardNames; ++number) {
-        int fd = -1;
-        const Holder holder = TakeName(number, fd);
-        if (holder == Holder::kSameUser) {
-            DropGuard();
-            return false;
-        }
-        if (holder == Holder::kUs) {
-            guard.push_back(fd);
-        }
-        hasMetStranger = hasMetStranger || holder == Holder::kStranger;
-    }
-    // Who takes all the names, or floods them so that they do not answer, hides no launcher.
-    if (hasMetStranger && HasOlderTwin()) {
-        DropGuard();
+    if (instanceSocket >= 0) {
         return false;
     }
-    return true;
-}
-
-void QtSingleApplication::DropGuard()
-{
-    for (const int fd : guard) {
-        close(fd);
-    }
-    guard.clear();
+    const Listener listener = BindInstanceSocket(instanceSocket);
+    // Another user may hold the name, or keep its queue full: then the list of processes decides.
+    return listener == Listener::kSameUser || (listener != Listener::kThisProcess && HasOlderInstance());
 }

@@ -6,44 +6,43 @@
 
 #include <QApplication>
 
-// What the environment tells Qt of the platform, for the time in which an application object is built. Constructed, it
-// lets Qt try what the user has chosen or the session offers and then a platform without a display, instead of
-// aborting; without wantsDisplay only the latter. It keeps away themes, styles and input methods that talk to the
-// desktop on their own: they end the process, or wait for ever, when it does not answer. PutBack() gives the variables
-// back as they were, for the programs that this one starts.
-class PlatformChoice
+// Sets the environment variables that Qt reads while an application object is constructed:
+// - The platform is the one that the user has chosen or the session offers, or else one without a display, where Qt
+//   would abort. Without `wantsDisplay` it is the one without a display.
+// - Qt loads no theme, style or input method that talks to the desktop by itself: if the desktop does not answer, these
+//   end the process or wait forever.
+// - No warning of Qt is fatal (QT_FATAL_WARNINGS, QT_FATAL_CRITICALS), now or later.
+// RestoreEnvironment() restores the variables for the programs that this process starts.
+class QtEnvironment
 {
 protected:
-    explicit PlatformChoice(bool wantsDisplay);
-    void PutBack() const;
+    explicit QtEnvironment(bool wantsDisplay);
+    void RestoreEnvironment() const;
 
 private:
     void Set(const char *name, const QByteArray &value);
 
-    std::vector<std::pair<const char *, QByteArray>> own; // null: not set
+    std::vector<std::pair<const char *, QByteArray>> original; // null: was not set
 };
 
-// A QApplication of which one process per user is meant to run. It also starts where there is no display: its
-// windows are then never seen.
-class QtSingleApplication : private PlatformChoice, public QApplication
+// A QApplication of which only one process per user should run. Where there is no display it starts too; its windows
+// are then not visible.
+class QtSingleApplication : private QtEnvironment, public QApplication
 {
 public:
-    // Takes the user's guard when it is free. Without GUIenabled no display is looked for.
+    // Binds the user's instance socket if no other process has it. Without GUIenabled no display is used.
     QtSingleApplication(int &argc, char **argv, bool GUIenabled = true);
 
-    // Drops the guard. The kernel drops it too, however the process ends.
+    // Closes the instance socket. The kernel closes it too, in whatever way the process ends.
     ~QtSingleApplication() override;
 
-    // Whether another such process of the same user is alive. When none is, this process now holds the guard, and of
-    // several that ask at the same instant exactly one is told so. False, too, where no guard can be had at all: a
-    // launcher that runs twice does less harm than one that never runs.
+    // Whether another process with such an object runs for the same user. Of several that ask at the same time exactly
+    // one gets false. When neither the socket nor the list of processes can be used, it is false: a launcher that runs
+    // twice does less harm than one that never runs.
     bool isRunning();
 
 private:
-    bool TakeGuard();
-    void DropGuard();
-
-    std::vector<int> guard; // the sockets that hold the user's names
+    int instanceSocket = -1; // -1: another process has the address
 };
 
 #endif

@@ -82,9 +82,9 @@ Launcher::Launcher(std::unique_ptr<Service> upgradeService)
 {
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
-    // The dialog's own constructor makes it modal; shown, it is not: there is no other window to hold back.
+    // Undo what the dialog's constructor sets: there is no other window that it could block.
     dialog->setModal(false);
-    // Only LaunchDone() ends the program, whatever becomes of the window.
+    // Only LaunchDone() ends the program, even if the window is closed from outside.
     QGuiApplication::setQuitOnLastWindowClosed(false);
 
     connect(this, &Launcher::sigStart, worker.get(), &Worker::HandleServicce);
@@ -106,7 +106,7 @@ void Launcher::Run()
 {
     worker->StartThread();
     if (!worker->HasThread()) {
-        // No thread could be made. What is sent to it is never delivered; the event loop makes the run instead.
+        // No thread could be created, so signals queued for it are never delivered. Let the GUI thread do the work.
         connect(
             this, &Launcher::sigStart, this, [this] { worker->HandleServicce(); }, Qt::QueuedConnection);
     }

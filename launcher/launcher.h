@@ -9,7 +9,7 @@
 #include "launcher/processing-progress-dialog.h"
 #include "service/cloud-service.h"
 
-// The thread that the upgrade runs on: an event loop for the worker's slot.
+// The worker thread: an event loop that calls the worker's slot.
 class HandlerThread : public QThread
 {
     Q_OBJECT
@@ -17,24 +17,24 @@ protected:
     void run() override { exec(); }
 };
 
-// Brings the user's copy up to date and starts the client, on a thread of its own.
+// Upgrades the user's copy if needed and starts the client, on its own thread.
 class Worker : public QObject
 {
     Q_OBJECT
 public:
     Worker();
 
-    // With another way to upgrade than the system's own.
+    // With another service than LinuxService.
     explicit Worker(std::unique_ptr<Service> upgradeService);
 
-    // Ends and joins the thread if it still runs: an upgrade in progress is finished first.
+    // Waits until a call of HandleServicce() has returned, and ends and joins the thread.
     ~Worker() override;
 
     void StartThread();
     void QuitThread();
     void JoinThread();
 
-    // Whether the thread runs.
+    // Whether the thread is running. False after StartThread() if no thread could be created.
     bool HasThread() const;
 
 signals:
@@ -44,17 +44,17 @@ signals:
     void sigSetLabelText(const QString &text);
 
 public slots:
-    // (Connected to by this name, misspelt as it is.) One run, from the look at the versions to the start of
-    // the client. Ends with sigServiceDone().
+    // Compares the versions, upgrades the user's copy if needed, starts the client, and emits sigServiceDone() as its
+    // last act. Callers connect to this name, so the spelling stays.
     void HandleServicce();
 
 private:
-    // Deleted in this order: the thread's last slot call may still use the service.
+    // The destructor deletes the thread first: until it has ended, it may use the service.
     std::unique_ptr<HandlerThread> handlerThread;
     std::unique_ptr<Service> service;
 };
 
-// Wires the worker to the progress window, on the GUI thread, and ends the program when the worker is done.
+// Connects the worker to the progress window and ends the event loop when the worker is done. Lives on the GUI thread.
 class Launcher : public QObject
 {
     Q_OBJECT
@@ -63,7 +63,8 @@ public:
     explicit Launcher(std::unique_ptr<Service> upgradeService);
     ~Launcher() override;
 
-    // Starts the thread. Start() then starts the run: on the thread or, where none can be made, in the event loop.
+    // Run() starts the worker's thread. Start() then has HandleServicce() called: on that thread or, if it could not be
+    // created, by the event loop of the GUI thread.
     void Run();
     void Start();
 
@@ -71,10 +72,10 @@ signals:
     void sigStart();
 
 public slots:
-    // Hides the window, ends the worker's thread and quits the event loop.
+    // Hides the window, waits for the end of the worker's thread and quits the event loop.
     void LaunchDone();
 
-    // Shows done * 100 / total percent. `total` must not be 0.
+    // Sets the bar to done * 100 / total percent, rounded down. `total` must not be 0.
     void UpdateProgress(int total, int done);
     void SetLabelText(const QString &text);
 
@@ -82,7 +83,7 @@ public slots:
     void ShowMsgBox();
 
 private:
-    // Deleted in this order: while the worker ends it may still report to the window.
+    // The destructor deletes the worker first: until its thread has ended, it may send signals to the window.
     std::unique_ptr<Worker> worker;
     std::unique_ptr<ProcessingProgressDialog> dialog;
 };

@@ -32,16 +32,16 @@ QString RegisteredPath(const char *key)
 void initialize_resources()
 {
     setlocale(LC_ALL, "");
-    // Paths are UTF-8 in every locale, the "C" locale included.
+    // Paths are UTF-8 in every locale, also in "C".
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     qInitResources_texts();
 }
 
 void initializeDrivePaths()
 {
-    // The resource path of the user's copy is the app folder itself: that is where its version file lies. The
-    // predecessor has these two keys on purpose and no others: LogStartMarker() shows the rest as the empty
-    // paths that the log has always had.
+    // The resource path of the user's copy is the app folder itself, because its version file lies there. The
+    // predecessor has only these two keys on purpose: LogStartMarker() logs its other keys as empty paths, as log
+    // readers expect.
     const std::pair<const char *, const char *> userPaths[] = {
         {path_key::kUserBrimlock, "/.Brimlock"},
         {path_key::kUserBrimlockApp, "/.Brimlock/Brimlock.app"},
@@ -60,8 +60,8 @@ void initializeDrivePaths()
                    QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/..")));
 }
 
-// Marks in the log that start-up has come this far. A line shows no more than a path's
-// first character, which is what "%s" makes of a wide string; the keys that nothing sets show as empty.
+// Logs seven lines by which log readers recognise a start. A line shows only the first character of a path, because
+// "%s" gets a wide string; it shows nothing for a key that is not set. Log readers expect both.
 void LogStartMarker()
 {
     for (const char *key : {path_key::kUserLarkspire, path_key::kUserLarkspireApp, path_key::kUserLarkspireResource,
@@ -77,7 +77,7 @@ void initialize_logger()
     const std::string levelFile = (RegisteredPath(path_key::kRootResource) + "/log/launcher.debug").toStdString();
     const QString folder = RegisteredPath(path_key::kUserBrimlock) + "/log";
     if (!QDir().mkpath(folder)) {
-        return; // the logger's start state goes on: errors and warnings reach standard error
+        return; // without Initialize(), the logger writes errors and warnings to standard error
     }
     Logger::Initialize(Logger::TYPE_FILE, folder.toStdString() + "/launcher.log", levelFile, kLogGenerations,
                        Logger::SCOPE_THREAD);
@@ -87,7 +87,8 @@ void initialize_logger()
     }
 }
 
-// Without a HOME everything would be looked for under "/". The client gets it too.
+// Sets HOME from the user's account when it is missing or empty: the user's files would be looked for under "/". The
+// client gets it too.
 void initialize_home()
 {
     const passwd *account = qEnvironmentVariableIsEmpty("HOME") ? getpwuid(getuid()) : nullptr;
@@ -101,7 +102,7 @@ int main(int argc, char **argv)
 {
     thread_local RunKeeper keeper;
     initialize_home();
-    argc = qMin(argc, 1); // the launcher takes no arguments, and Qt's own are not for it either
+    argc = qMin(argc, 1); // the launcher takes no arguments; keep them from Qt too, which has some of its own
     QtSingleApplication app(argc, argv, keeper.MayUseDisplay());
     QGuiApplication::setDesktopFileName(QStringLiteral("brimlock-launcher")); // groups the window under its menu entry
     initialize_resources();
@@ -112,7 +113,7 @@ int main(int argc, char **argv)
     }
     if (app.isRunning()) {
         LOGGER_DEBUG(kComponent, "app has already launched, return\n");
-        RunKeeper::RunEnds();
+        RunKeeper::RunEnds(); // there is nothing to do: the RunKeeper must not start over for it
         return 0;
     }
     initializeLanguage(app);
@@ -120,10 +121,8 @@ int main(int argc, char **argv)
     auto launcher = std::make_unique<Launcher>();
     launcher->Run();
     launcher->Start();
-    int status = 0;
     do {
-        status = QApplication::exec();
-    } while (!RunKeeper::IsRunOver()); // a session manager, too, may end the loop
-    launcher.reset();
-    return status;
+        QApplication::exec();
+    } while (!RunKeeper::IsRunOver()); // a session manager may also end the event loop
+    return 0;
 }

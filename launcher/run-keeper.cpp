@@ -3,49 +3,55 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <sstream>
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "service/linux/start-script.h"
+#include "service/linux/signal-settings.h"
 
 namespace
 {
-// Set to the process's own id when it starts over; any other value means nothing.
+// The name of an environment variable. Its value is the id of the process that starts over, so that a value which was
+// inherited from another process means nothing, and then the numbers of the signals that the caller ignores. The next
+// program cannot find these out by itself, because this one has changed them.
 constexpr char kMark[] = "BRIMLOCK_LAUNCHER_STARTED_OVER";
-constexpr unsigned int kDisplaySeconds = 5;
+constexpr unsigned int kDisplaySeconds = 10;
 constexpr unsigned int kEndSeconds = 3;
 constexpr useconds_t kPollMicroseconds = 10000;
-constexpr char kNothingStarted[] = "launcher: could not be started, with the display or without\n";
+constexpr char kCouldNotStart[] = "launcher: could not be started, with the display or without\n";
+
+// The end of a session, a failing write to a pipe and the limit on the size of files must not end an upgrade half-way.
+constexpr int kIgnored[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGXFSZ};
 constexpr int kCrashes[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
 
-// What follows is used by signal handlers: nothing here allocates, locks or logs.
+// Signal handlers use everything from here to HandleAlarm(): it must not allocate, lock or log.
 
-enum State { kNotKept, kWaiting, kRunning, kOver, kStartingOver };
-std::atomic<State> state{kNotKept};
-std::atomic<pid_t> runner{0}; // the thread that makes the run
-char *const *startOverEnvironment = nullptr;
-sigset_t startMask;
+enum State { kNoKeeper, kBeforeRun, kRunning, kOver, kStartingOver };
+std::atomic<State> state{kNoKeeper};
+std::atomic<pid_t> runThread{0};
+char *const *startOverEnvironment = nullptr; // null in a process that has started over
+sigset_t callerBlocked;
 
 [[noreturn]] void StartOver()
 {
     if (startOverEnvironment == nullptr) {
-        // It was not the display.
-        [[maybe_unused]] const ssize_t said = write(STDERR_FILENO, kNothingStarted, sizeof kNothingStarted - 1);
+        // Starting over did not help. Do not try again for ever.
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kCouldNotStart, sizeof kCouldNotStart - 1);
         _exit(0);
     }
-    alarm(0); // it would outlive what follows
-    sigprocmask(SIG_SETMASK, &startMask, nullptr);
+    alarm(0); // execve() keeps a pending alarm
+    sigprocmask(SIG_SETMASK, &callerBlocked, nullptr);
     char *const arguments[] = {program_invocation_name, nullptr};
     execve("/proc/self/exe", arguments, startOverEnvironment);
     _exit(0);
 }
 
-// This thread can do nothing more. The run can.
-[[noreturn]] void EndWithTheRun()
+// The calling thread cannot continue: wait until the run is over, or start over if no other thread can make it.
+[[noreturn]] void ExitAfterRun()
 {
-    State expected = kWaiting;
-    if (state.compare_exchange_strong(expected, kStartingOver) || (expected == kRunning && runner == gettid())) {
+    State expected = kBeforeRun;
+    if (state.compare_exchange_strong(expected, kStartingOver) || (expected == kRunning && runThread == gettid())) {
         StartOver();
     }
     while (state != kOver) {
@@ -56,17 +62,18 @@ sigset_t startMask;
 
 void HandleCrash(int number)
 {
-    if (state == kRunning && runner == gettid()) {
-        signal(number, SIG_DFL); // there is nobody to finish the run
+    if (state == kRunning && runThread == gettid()) {
+        signal(number, SIG_DFL); // the run itself has crashed: let the signal end the process
         return;
     }
-    EndWithTheRun();
+    ExitAfterRun();
 }
 
+// The time limit of the display or, after the run, of the end of the process.
 void HandleAlarm(int)
 {
     if (state != kRunning) {
-        EndWithTheRun();
+        ExitAfterRun();
     }
 }
 
@@ -77,8 +84,38 @@ void Handle(int number, void (*handler)(int))
     action.sa_flags = SA_RESTART;
     sigaction(number, &action, nullptr);
 }
-// What is opened later must not become a standard stream that the caller has closed: messages would go into it. The
-// client finds them closed as they were.
+
+std::string Mark(const sigset_t &callerIgnored)
+{
+    std::string mark = std::string(kMark) + "=" + std::to_string(getpid());
+    for (int number = 1; number < NSIG; ++number) {
+        if (sigismember(&callerIgnored, number) == 1) {
+            mark += " " + std::to_string(number);
+        }
+    }
+    return mark;
+}
+
+// Removes the mark from the environment. Returns whether this process has started over; `callerIgnored` is then what
+// the mark says.
+bool TakeMark(sigset_t &callerIgnored)
+{
+    const char *value = getenv(kMark);
+    std::istringstream words(value != nullptr ? value : "");
+    unsetenv(kMark);
+    pid_t process = 0;
+    if (!(words >> process) || process != getpid()) {
+        return false;
+    }
+    sigemptyset(&callerIgnored);
+    for (int number = 0; words >> number;) {
+        sigaddset(&callerIgnored, number);
+    }
+    return true;
+}
+
+// Where the caller has closed a standard stream, opens /dev/null in its place: otherwise the next file that is opened
+// would become that stream and get messages written into it. The client again finds the stream closed.
 void OccupyStandardStreams()
 {
     int fd = STDIN_FILENO;
@@ -89,25 +126,25 @@ void OccupyStandardStreams()
 }
 } // namespace
 
-RunKeeper::RunKeeper() : mark(std::string(kMark) + "=" + std::to_string(getpid()))
+RunKeeper::RunKeeper()
 {
-    for (const int number : kIgnoredSignals) {
+    SignalSettings caller = CurrentSignalSettings();
+    mayUseDisplay = !TakeMark(caller.ignored);
+    RememberCallerSignals(caller);
+    callerBlocked = caller.blocked;
+
+    for (const int number : kIgnored) {
         Handle(number, SIG_IGN);
     }
-
-    const char *marked = getenv(kMark);
-    mayUseDisplay = marked == nullptr || marked != mark.substr(sizeof kMark);
-    unsetenv(kMark);
     OccupyStandardStreams();
-    Handle(SIGALRM, SIG_IGN); // which drops one that somebody else has set
-    sigset_t alarms;
-    sigemptyset(&alarms);
-    sigaddset(&alarms, SIGALRM);
-    sigprocmask(SIG_UNBLOCK, &alarms, nullptr);
-    sigprocmask(SIG_SETMASK, nullptr, &startMask);
+    sigset_t handled;
+    sigemptyset(&handled);
+    sigaddset(&handled, SIGALRM);
+    Handle(SIGALRM, SIG_IGN); // discards one that was sent before and is blocked
     Handle(SIGALRM, HandleAlarm);
-    state = kWaiting;
+    state = kBeforeRun;
     if (mayUseDisplay) {
+        mark = Mark(caller.ignored);
         for (char **variable = environ; *variable != nullptr; ++variable) {
             environment.push_back(*variable);
         }
@@ -116,26 +153,28 @@ RunKeeper::RunKeeper() : mark(std::string(kMark) + "=" + std::to_string(getpid()
         startOverEnvironment = environment.data();
         for (const int number : kCrashes) {
             Handle(number, HandleCrash);
+            sigaddset(&handled, number);
         }
         alarm(kDisplaySeconds);
     }
+    sigprocmask(SIG_UNBLOCK, &handled, nullptr);
 }
 
 RunKeeper::~RunKeeper()
 {
-    EndWithTheRun();
+    ExitAfterRun();
 }
 
 void RunKeeper::RunBegins()
 {
-    if (state == kNotKept) {
+    if (state == kNoKeeper) {
         return;
     }
-    runner = gettid();
-    State expected = kWaiting;
+    runThread = gettid();
+    State expected = kBeforeRun;
     if (!state.compare_exchange_strong(expected, kRunning)) {
         for (;;) {
-            pause(); // the program is starting over
+            pause(); // another thread is starting over
         }
     }
     alarm(0);
@@ -143,7 +182,7 @@ void RunKeeper::RunBegins()
 
 void RunKeeper::RunEnds()
 {
-    if (state != kNotKept) {
+    if (state != kNoKeeper) {
         state = kOver;
         alarm(kEndSeconds);
     }

@@ -15,9 +15,9 @@ void SetEnvironment(const char *const *names, const std::array<const char *, 4> 
     }
 }
 
-struct Platform : PlatformChoice {
-    explicit Platform(bool wantsDisplay) : PlatformChoice(wantsDisplay) {}
-    ~Platform() { PutBack(); }
+struct Environment : QtEnvironment {
+    explicit Environment(bool wantsDisplay) : QtEnvironment(wantsDisplay) {}
+    ~Environment() { RestoreEnvironment(); }
 };
 } // namespace
 
@@ -45,7 +45,7 @@ TEST(PlatformTest, QtSeesThePlatformsThatTheSessionOffersAndNoOtherDesktopThanKd
     setenv("DESKTOP_SESSION", "session", 1);
     for (const auto &[values, expected] : cases) {
         SetEnvironment(names, values);
-        const Platform platform(true);
+        const Environment environment(true);
         EXPECT_EQ(seen(names[0]) + " " + seen(names[3]) + " " + seen("DESKTOP_SESSION"), expected);
         EXPECT_EQ(seen("QT_QPA_PLATFORMTHEME"), "");
         EXPECT_EQ(seen("QT_STYLE_OVERRIDE"), "");

@@ -263,7 +263,7 @@ TEST(LaunchTest, ADisplayThatFailsCostsNoMoreThanTheWindow)
 {
     // After how many bytes it hangs up, or hangs, and how many seconds are waited for it. The
     // window is there after about 9700 bytes.
-    const std::tuple<int, bool, int> displays[] = {{3000, true, 5},  {12000, true, 3},
+    const std::tuple<int, bool, int> displays[] = {{3000, true, 10}, {12000, true, 3},
                                                    {0, false, 0},    {900, false, 0},
                                                    {5400, false, 0}, {9900, false, 0}};
     setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy

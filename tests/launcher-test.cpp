@@ -18,7 +18,10 @@ namespace
 class ExtractingService : public LinuxService
 {
 public:
-    int CopyPackage() override { return fs::exists(archive) ? ExtractPackage() : LinuxService::CopyPackage(); }
+    int CopyPackage() override
+    {
+        return fs::exists(archive) ? ExtractPackage() : LinuxService::CopyPackage();
+    }
     const std::string archive = RegisteredPath(path_key::kRootResource, "/package/larkspire.vpk");
 };
 
@@ -32,7 +35,8 @@ protected:
         }
     }
 
-    const std::unique_ptr<Launcher> launcher = std::make_unique<Launcher>(std::make_unique<ExtractingService>());
+    const std::unique_ptr<Launcher> launcher =
+        std::make_unique<Launcher>(std::make_unique<ExtractingService>());
     ProcessingProgressDialog *dialog = nullptr;
 };
 
@@ -50,9 +54,12 @@ TEST_F(LauncherTest, TheWindowCountsInPercentAndCannotBeCancelled)
         EXPECT_EQ(dialog->property(name), value) << name;
     }
     Shell("mkdir opt/images");
-    QImage(7, 7, QImage::Format_RGB32).save(QString::fromStdString(Path("opt/images/ico_72_larkspire.png")));
-    EXPECT_EQ(ProcessingProgressDialog().windowIcon().availableSizes(), QList<QSize>({QSize(7, 7)}));
-    EXPECT_EQ(dialog->windowFlags() & ~Qt::WindowType_Mask, Qt::WindowTitleHint | Qt::WindowSystemMenuHint);
+    QImage(7, 7, QImage::Format_RGB32)
+        .save(QString::fromStdString(Path("opt/images/ico_72_larkspire.png")));
+    EXPECT_EQ(ProcessingProgressDialog().windowIcon().availableSizes(),
+              QList<QSize>({QSize(7, 7)}));
+    EXPECT_EQ(dialog->windowFlags() & ~Qt::WindowType_Mask,
+              Qt::WindowTitleHint | Qt::WindowSystemMenuHint);
     EXPECT_TRUE(dialog->findChildren<QPushButton *>().isEmpty());
     launcher->ShowMsgBox();
     for (const auto &[done, percent] : {std::pair(1, 33), {2, 66}, {3, 100}}) {
@@ -74,8 +81,9 @@ TEST_F(LauncherTest, TheLabelIsReadableUnderEveryPalette)
             window->setLabelText("Something else");
             const QImage label = window->grab(window->findChild<QLabel *>()->geometry()).toImage();
             const auto *pixels = reinterpret_cast<const QRgb *>(label.constBits());
-            const auto [dark, light] = std::minmax_element(pixels, pixels + label.sizeInBytes() / sizeof(QRgb),
-                                                           [](QRgb a, QRgb b) { return qGray(a) < qGray(b); });
+            const auto [dark, light] =
+                std::minmax_element(pixels, pixels + label.sizeInBytes() / sizeof(QRgb),
+                                    [](QRgb a, QRgb b) { return qGray(a) < qGray(b); });
             EXPECT_GT(luminance(*light) / luminance(*dark), 7) << "contrast, theme " << theme;
         }
     }
@@ -86,10 +94,11 @@ TEST_P(RunTest, ReachesTheWindowAndTheClient)
 {
     const auto &[pack, expected, started] = GetParam();
     std::string shown;
-    QObject::connect(dialog->findChild<QProgressBar *>(), &QProgressBar::valueChanged, [&](int value) {
-        shown += (dialog->isVisible() ? "" : "hidden: ") + std::to_string(value) + " ";
-        shown += dialog->labelText().toStdString() + "\n";
-    });
+    QObject::connect(
+        dialog->findChild<QProgressBar *>(), &QProgressBar::valueChanged, [&](int value) {
+            shown += (dialog->isVisible() ? "" : "hidden: ") + std::to_string(value) + " ";
+            shown += dialog->labelText().toStdString() + "\n";
+        });
     Shell(std::string("cd opt/package/larkspire; ") + pack);
     launcher->Run();
     launcher->Start();
@@ -106,8 +115,9 @@ INSTANTIATE_TEST_SUITE_P(Runs, RunTest, testing::ValuesIn(kRuns));
 
 TEST_F(LauncherTest, TextsAndFontFollowTheLanguage)
 {
-    for (const auto &[locale, font, name] : {std::tuple("th_TH.UTF-8", "Microsoft Sans Serif,9,", "ไคลเอ็นต์ Brimlock"),
-                                             {"fi_FI", "Arial,9,", "Brimlock Client"}}) {
+    for (const auto &[locale, font, name] :
+         {std::tuple("th_TH.UTF-8", "Microsoft Sans Serif,9,", "ไคลเอ็นต์ Brimlock"),
+          {"fi_FI", "Arial,9,", "Brimlock Client"}}) {
         setenv("LC_ALL", locale, 1);
         initializeLanguage(*static_cast<QtSingleApplication *>(qApp));
         EXPECT_TRUE(QApplication::font().toString().startsWith(font)) << locale;

@@ -77,7 +77,8 @@ TEST_F(LogTest, ShowsTheCallersErrnoAndRotatesAfterTheLineThatPassesFiveMebibyte
     // A new thread has no time stamp yet, so its first line looks for the zone, which fails.
     std::thread([&text] {
         errno = EDQUOT;
-        Logger::LogMsg3(Logger::ERROR, "launcher_debug", text, Logger::FLAG_NEWLINE | Logger::FLAG_ERRNO);
+        Logger::LogMsg3(Logger::ERROR, "launcher_debug", text,
+                        Logger::FLAG_NEWLINE | Logger::FLAG_ERRNO);
         EXPECT_EQ(errno, EDQUOT);
         LOGGER_ERROR("a component whose name is too long to be kept in place", "%s\n", "direct");
         EXPECT_EQ(errno, EDQUOT);

@@ -19,8 +19,9 @@
 
 namespace
 {
-// How much later than its pid file a client may seem to have been started: clocks are coarse and are set.
-constexpr double kStartTolerance_s = 2;
+// A client may seem to have been started this much later than its pid file was written: start times are coarse, and the
+// clock may have been set.
+constexpr double kStartToleranceSeconds = 2;
 
 std::optional<std::string> ReadWhole(const std::string &path)
 {
@@ -41,7 +42,7 @@ double Now(clockid_t clock)
     return Seconds(now);
 }
 
-// When the process was started, in seconds since the epoch; nothing when that cannot be told.
+// The time at which the process was started, in seconds since 1970. Returns nothing when it cannot be read.
 std::optional<double> StartTime(const std::string &processFolder)
 {
     const std::optional<uint64_t> ticks = ProcessStartTicks(processFolder);
@@ -70,17 +71,17 @@ bool ClientProcess::IsSomebodyElse(const std::string &pidFile, const std::string
     const std::optional<std::string> commandLine = ReadWhole(processFolder + "/cmdline");
     struct stat written = {};
     if (!started || !commandLine || stat(pidFile.c_str(), &written) != 0 ||
-        *started <= Seconds(written.st_mtim) + kStartTolerance_s) {
+        *started <= Seconds(written.st_mtim) + kStartToleranceSeconds) {
         return false;
     }
 
     std::string realFolder = appFolder;
     FSGetRealPath(realFolder);
-    // A process of another user, or one of the kernel's own, has none to show: neither is this user's client.
+    // The link cannot be read for a process of another user or a kernel thread. Neither is this user's client.
     char executable[PATH_MAX] = "";
     const ssize_t length = readlink((processFolder + "/exe").c_str(), executable, sizeof executable);
     if (length < 0 && errno == EACCES && Signal(0) == 0) {
-        return false; // a process of this user that keeps it to itself
+        return false; // a process of this user that has made itself unreadable
     }
     if (length > 0 && LiesIn(std::string(executable, static_cast<size_t>(length)), appFolder, realFolder)) {
         return false;

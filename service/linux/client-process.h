@@ -7,23 +7,23 @@
 
 #include "fileop/scoped-fd.h"
 
-// The process that a pid file names. Where the kernel can, it is held from construction on, so that no signal reaches
-// another one that gets its number later.
+// The process that a pid file names. The constructor opens a pidfd, where the kernel has them, so that no signal
+// reaches another process that gets the same id later.
 class ClientProcess
 {
 public:
     explicit ClientProcess(pid_t pid);
 
-    // Whether it cannot be the client: it was started after `pidFile` was last written, and neither its executable nor
-    // an argument of its command line lies in `appFolder`. False where the kernel does not tell.
+    // Whether this cannot be the client: it was started later than `pidFile` was last written, and neither its
+    // executable nor an argument of its command line lies in `appFolder`. False if this cannot be found out.
     bool IsSomebodyElse(const std::string &pidFile, const std::string &appFolder) const;
 
-    // As kill(2), also with signal 0.
+    // Like kill(2), also with signal 0: returns 0, or -1 and sets errno.
     int Signal(int signal) const;
 
 private:
     const pid_t pid;
-    const ScopedFd handle; // invalid where the kernel has none for the process
+    const ScopedFd handle; // a pidfd; invalid if the process has ended or the kernel has no pidfds
 };
 
 #endif

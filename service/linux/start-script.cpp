@@ -1,7 +1,10 @@
 #include "service/linux/start-script.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,14 +13,48 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "fileop/scoped-fd.h"
 #include "log/log.h"
+#include "service/linux/signal-settings.h"
 
 namespace
 {
 const std::string kComponent = "service_debug";
 constexpr int kMillisecondsPerSecond = 1000;
 
-// Like posix_spawn(). Program and argument are apart: the home folder's path may hold blanks.
+// Ignores the signals that the child must ignore, as long as the object lives: posix_spawn() itself can only reset
+// signals to their default action. This process may have handlers for some of them.
+class IgnoringSignals
+{
+public:
+    explicit IgnoringSignals(const sigset_t &ignored)
+    {
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        for (int number = 1; number < NSIG; ++number) {
+            struct sigaction own = {};
+            if (sigismember(&ignored, number) == 1 && sigaction(number, &ignore, &own) == 0) {
+                replaced.emplace_back(number, own);
+            }
+        }
+    }
+
+    ~IgnoringSignals()
+    {
+        for (const auto &[number, own] : replaced) {
+            sigaction(number, &own, nullptr);
+        }
+    }
+
+    IgnoringSignals(const IgnoringSignals &) = delete;
+    IgnoringSignals &operator=(const IgnoringSignals &) = delete;
+
+private:
+    std::vector<std::pair<int, struct sigaction>> replaced;
+};
+
+// Returns 0, or the error of posix_spawn(). Script and argument are passed separately, because the path of the home
+// folder may contain blanks.
 int Spawn(const std::string &script, pid_t &child)
 {
     posix_spawnattr_t attributes;
@@ -25,32 +62,34 @@ int Spawn(const std::string &script, pid_t &child)
     posix_spawnattr_init(&attributes);
     posix_spawn_file_actions_init(&files);
 
+    const SignalSettings signals = CallerSignals();
     sigset_t defaults;
-    sigemptyset(&defaults);
-    for (const int number : kIgnoredSignals) {
-        sigaddset(&defaults, number);
+    sigfillset(&defaults);
+    for (int number = 1; number < NSIG; ++number) {
+        if (sigismember(&signals.ignored, number) == 1) {
+            sigdelset(&defaults, number);
+        }
     }
     posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-    // Opened here: a system without it is no reason to start no client.
-    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (nothing >= 0) {
-        posix_spawn_file_actions_adddup2(&files, nothing, STDIN_FILENO);
+    posix_spawnattr_setsigmask(&attributes, &signals.blocked);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    // Not opened by posix_spawn(), which would then fail where /dev/null is missing.
+    const ScopedFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (nothing.valid()) {
+        posix_spawn_file_actions_adddup2(&files, nothing.get(), STDIN_FILENO);
     }
 
     const char *const arguments[] = {script.c_str(), "start", nullptr};
+    const IgnoringSignals ignoring(signals.ignored);
     const int error =
         posix_spawn(&child, script.c_str(), &files, &attributes, const_cast<char *const *>(arguments), environ);
-    if (nothing >= 0) {
-        close(nothing);
-    }
     posix_spawn_file_actions_destroy(&files);
     posix_spawnattr_destroy(&attributes);
     return error;
 }
 } // namespace
 
-void RunStartScript(const std::string &script, int patienceMilliseconds)
+void RunStartScript(const std::string &script, int warningMilliseconds)
 {
     pid_t child = 0;
     const int error = Spawn(script, child);
@@ -61,15 +100,14 @@ void RunStartScript(const std::string &script, int patienceMilliseconds)
         return;
     }
 
-    // A kernel that has no such descriptors costs the warning only.
-    const int ended = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
-    if (ended >= 0) {
-        pollfd event = {ended, POLLIN, 0};
-        if (poll(&event, 1, patienceMilliseconds) == 0) {
+    // Without a pidfd, on an old kernel, there is no warning.
+    const ScopedFd handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    if (handle.valid()) {
+        pollfd event = {handle.get(), POLLIN, 0};
+        if (poll(&event, 1, warningMilliseconds) == 0) {
             LOGGER_WARNING(kComponent, "'%s start' has not returned for %d s; until it does, no launcher starts\n",
-                           script.c_str(), patienceMilliseconds / kMillisecondsPerSecond);
+                           script.c_str(), warningMilliseconds / kMillisecondsPerSecond);
         }
-        close(ended);
     }
     while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }

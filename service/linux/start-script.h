@@ -1,18 +1,14 @@
 #ifndef BRIMLOCK_SERVICE_LINUX_START_SCRIPT_H
 #define BRIMLOCK_SERVICE_LINUX_START_SCRIPT_H
 
-#include <csignal>
 #include <string>
 
-// What the launcher ignores, so that neither the end of a session nor a failing write ends an upgrade half-way. The
-// start script, and with it the client, gets their default action.
-constexpr int kIgnoredSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGXFSZ};
+constexpr int kStartScriptWarningMilliseconds = 60000;
 
-constexpr int kStartScriptPatienceMilliseconds = 60000;
-
-// Runs "SCRIPT start" and waits for its end without limit. Its standard input is empty; it inherits the environment
-// and the other streams. How it ends is not looked at, and a script that is missing or cannot be executed goes
-// unnoticed. Logs an ERROR when no process can be made, and one WARNING once the wait has lasted for `patience`.
-void RunStartScript(const std::string &script, int patienceMilliseconds = kStartScriptPatienceMilliseconds);
+// Runs "SCRIPT start" and waits, without a time limit, until it has ended. Its standard input is empty. It inherits the
+// environment and the other two streams, and gets CallerSignals(). Its exit status is ignored. Nothing is logged when
+// it is missing or cannot be executed; one ERROR when no process can be created, and one WARNING when the script has
+// run for `warningMilliseconds`.
+void RunStartScript(const std::string &script, int warningMilliseconds = kStartScriptWarningMilliseconds);
 
 #endif
