@@ -34,15 +34,10 @@ TEST_F(FileOpTest, ResultsAndMessagesAreWhatTheyAlwaysWere)
         return InChild([&] { return BecomeUnprivileged(), call() == 0 ? 0 : errno; });
     };
     fs::current_path(scratch);
-#define CALL(call, result)                                                                         \
-    std::tuple(#call, testing::PrintToString(call), testing::PrintToString(result))
-    const std::tuple<const char *, std::string, std::string> cases[] = {
+    ExpectResults({
 #include "tests/call-cases.inc"
-    };
+    });
     fs::current_path("/");
-    for (const auto &[call, found, expected] : cases) {
-        EXPECT_EQ(found, expected) << call;
-    }
     EXPECT_EQ(PlainLog(), ReadFile(BRIMLOCK_TESTS "/file-op-log.txt"));
 }
 

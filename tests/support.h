@@ -96,6 +96,20 @@ inline int InChild(const std::function<int()> &body)
     return Wait(Spawn(body));
 }
 
+// Rows CALL(call, result) of a table. The calls are made one after the other.
+using Calls = std::vector<std::tuple<const char *, std::string, std::string>>;
+#define CALL(call, result)                                                                         \
+    {                                                                                              \
+#call, testing::PrintToString(call), testing::PrintToString(result)                        \
+    }
+
+inline void ExpectResults(const Calls &calls)
+{
+    for (const auto &[call, found, expected] : calls) {
+        EXPECT_EQ(found, expected) << call;
+    }
+}
+
 // Root becomes an ordinary user, so that permissions apply.
 inline void BecomeUnprivileged()
 {
