@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-// The time at which a process was started, in clock ticks (sysconf(_SC_CLK_TCK)) since the boot. `processFolder` is its
-// folder in /proc. Returns nothing when the process has ended or its folder may not be read.
+// The time at which a process or a thread was started, in clock ticks (sysconf(_SC_CLK_TCK)) since the boot.
+// `processFolder` is its folder in /proc. Returns nothing when it has ended or its folder may not be read.
 std::optional<uint64_t> ProcessStartTicks(const std::string &processFolder);
 
 #endif

@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <optional>
 #include <string>
 
+#include <QDir>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -99,24 +101,50 @@ bool IsSameFile(const std::string &path, const std::string &other)
            status.st_dev == otherStatus.st_dev && status.st_ino == otherStatus.st_ino;
 }
 
-// Of two processes that started in the same clock tick, the one with the lower process id counts as older.
-bool IsOlder(const std::string &processFolder, pid_t pid)
+// When a process of this program was first there to be found: the start time and the id of its first thread besides the
+// main one. The start time of the process itself is that of its fork(). It may have started this program much later,
+// when another process had already looked for it in vain.
+using Arrival = std::pair<uint64_t, pid_t>;
+
+std::optional<Arrival> FindArrival(pid_t pid)
 {
-    const std::optional<uint64_t> started = ProcessStartTicks(processFolder);
-    return started && std::pair(started, pid) < std::pair(ProcessStartTicks("/proc/self"), getpid());
+    const QString threads = "/proc/" + QString::number(pid) + "/task/";
+    std::optional<Arrival> first;
+    for (const QString &name : QDir(threads).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const pid_t thread = name.toInt();
+        const std::optional<uint64_t> started = ProcessStartTicks((threads + name).toStdString());
+        if (thread != pid && started && (!first || Arrival(*started, thread) < *first)) {
+            first = Arrival(*started, thread);
+        }
+    }
+    return first;
 }
 
-// Whether an older process of this user runs this program in this network namespace, for which socket names hold.
-bool HasOlderInstance()
+// Whether another process of this user runs this program and arrived earlier. It must be in the same network namespace,
+// because instance sockets, too, are only found there.
+bool HasEarlierInstance()
 {
-    std::error_code ignored;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc", ignored)) {
-        const std::string process = entry.path().string();
-        const pid_t pid = atoi(entry.path().filename().c_str());
+    // Arrive before looking at the others, so that of two processes at least the later one sees the other.
+    pthread_t thread = 0;
+    pthread_create(
+        &thread, nullptr,
+        [](void *) -> void * {
+            for (;;) {
+                pause();
+            }
+        },
+        nullptr);
+    const std::optional<Arrival> own = FindArrival(getpid());
+    for (const QString &name : QDir("/proc").entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const pid_t pid = name.toInt();
+        const std::string process = "/proc/" + name.toStdString();
         struct stat status = {};
-        if (pid > 0 && stat(process.c_str(), &status) == 0 && status.st_uid == getuid() &&
-            IsSameFile(process + "/exe", "/proc/self/exe") && IsSameFile(process + "/ns/net", "/proc/self/ns/net") &&
-            IsOlder(process, pid)) {
+        if (pid <= 0 || pid == getpid() || stat(process.c_str(), &status) != 0 || status.st_uid != getuid() ||
+            !IsSameFile(process + "/exe", "/proc/self/exe") || !IsSameFile(process + "/ns/net", "/proc/self/ns/net")) {
+            continue;
+        }
+        const std::optional<Arrival> arrival = FindArrival(pid);
+        if (arrival && (!own || *arrival < *own)) {
             return true;
         }
     }
@@ -190,5 +218,5 @@ bool QtSingleApplication::isRunning()
     }
     const Listener listener = BindInstanceSocket(instanceSocket);
     // Another user may hold the name, or keep its queue full: then the list of processes decides.
-    return listener == Listener::kSameUser || (listener != Listener::kThisProcess && HasOlderInstance());
+    return listener == Listener::kSameUser || (listener != Listener::kThisProcess && HasEarlierInstance());
 }
