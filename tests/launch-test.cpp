@@ -21,7 +21,7 @@ const std::string kVariables =
     "APP=$BASE/Brimlock.app PIDFILE=$BASE/ui.pid LOG=$BASE/log/launcher.log "
     "SURROUNDINGS='" BRIMLOCK_TESTS "/surroundings.sh'\n";
 const std::string kDisplays = "/tmp/.X11-unix/X"; // and the number: their sockets
-constexpr int kSlackSeconds = 12;                 // for a slow machine
+constexpr int kSlackSeconds = 14;                 // for a slow machine
 bool hasOwnNetwork = false;
 
 // An abstract socket belongs to a network namespace. In its own namespace a launcher is alone.
@@ -134,7 +134,7 @@ public:
         launcher = AsTheUser(c.start + "; . $SURROUNDINGS >home/given; exec $L", isAlone);
         if (!c.duringUpgrade.empty()) {
             const std::string pid = "PID=" + std::to_string(launcher);
-            gate = AsTheUser("exec 3>$GATE; " + pid + "; " + c.duringUpgrade, false);
+            gate = AsTheUser("set -e; exec 3>$GATE; " + pid + "; " + c.duringUpgrade, false);
         }
     }
 
@@ -203,24 +203,7 @@ void StartAll(const std::vector<Case> &cases)
         stage.End();
     }
 }
-
-// What xdotool says of the window; waits until it is there.
-std::string AskWindow(const std::string &command)
-{
-    const std::string whole =
-        "timeout 20 xdotool search --sync --onlyvisible --name '^Brimlock Client$' " + command;
-    const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(whole.c_str(), "r"), pclose);
-    char answer[200] = "";
-    return std::string(answer, fread(answer, 1, sizeof answer, pipe.get()));
-}
 } // namespace
-
-TEST(LaunchTest, IsInstalledForEveryUser)
-{
-    EXPECT_EQ(Stage().Shell("cd '" BRIMLOCK_INSTALLED "'; find . -printf '%M %P\\n' | sort -k 2"),
-              "drwxr-xr-x \ndrwxr-xr-x bin\n-rwxr-xr-x bin/launcher\ndrwxr-xr-x images\n"
-              "-rw-r--r-- images/ico_72_larkspire.png\ndrwxr-xr-x log\n");
-}
 
 TEST(LaunchTest, WholeStartsReadAsTheyAlwaysDid)
 {
@@ -235,8 +218,8 @@ TEST(LaunchTest, WholeStartsReadAsTheyAlwaysDid)
         EXPECT_EQ(Wait(stage.launcher), 0);
     }
     // Without what is copied below the package, whose order is the disk's. The start marker once.
-    stage.Shell("sed -i -E '/cpp.[0-9]+.: copy from .*larkspire.[a-z]/d; /^== nothing/,$ { / >>> "
-                "/d }' $LOG");
+    stage.Shell("sed -i -E '/cpp.[0-9]+.: copy from .*larkspire.[a-z]/d;"
+                "/^== nothing/,$ { / >>> /d }' $LOG");
     EXPECT_EQ(stage.PlainLog("home/.Brimlock/log/launcher.log"),
               ReadFile(BRIMLOCK_TESTS "/launch-log.txt"));
 }
@@ -269,33 +252,37 @@ TEST(LaunchTest, ADisplayThatFailsCostsNoMoreThanTheWindow)
     setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy
     std::vector<Case> cases;
     for (const auto &[bytes, hangs, seconds] : displays) {
-        cases.push_back({"", "new", "true", "true", "", bytes, hangs, seconds});
+        Case &c = cases.emplace_back();
+        c.displayBytes = bytes;
+        c.displayHangs = hangs;
+        c.seconds = seconds;
     }
     StartAll(cases);
 }
 
 TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 {
-    // Another user, whom only root can play, has the name: silent, with a full queue, with an empty
-    // one.
     const std::string name =
         '\0' + std::string("veltrano-brimlock-launcher-") + std::to_string(kNobody);
-    enum Stranger { kNone, kSilent, kFull, kOpen };
-    for (const Stranger stranger : {kNone, kSilent, kFull, kOpen}) {
-        SCOPED_TRACE(stranger);
-        const bool isThere = stranger != kNone && getuid() == 0;
-        const int holder = isThere ? OpenSocket(name, bind) : -1;
-        listen(stranger == kSilent ? -1 : holder, stranger == kFull ? 0 : SOMAXCONN);
-        const int caller = isThere && stranger == kFull ? OpenSocket(name, connect) : -1;
-        Stage stage({"", "new", "true",
-                     "for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do env $v=/x $L & "
-                     "done; wait; exit",
-                     "until [ $(grep -c 'app has already launched, return' $LOG) = 5 ]; do sleep "
-                     "0.01; done"});
+    const Case six = {
+        "", "new", "true",
+        "n=6; for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do "
+        "n=$((n - 1)); (sleep 0.$n; exec env $v=/x $L) & done; wait; exit",
+        "until [ $(grep -c 'app has already launched, return' $LOG) = 5 ]; do sleep 0.01; done"};
+    // Another user, as whom only root can act, may hold the name and answer, not answer or have a
+    // full queue.
+    enum Holder { kNobodyElse, kAnswers, kSilent, kFull };
+    for (const Holder holder : {kNobodyElse, kAnswers, kSilent, kFull}) {
+        SCOPED_TRACE(holder);
+        const bool isHeld = holder != kNobodyElse && getuid() == 0;
+        const int listener = isHeld ? OpenSocket(name, bind) : -1;
+        listen(holder == kSilent ? -1 : listener, holder == kFull ? 0 : SOMAXCONN);
+        const int caller = isHeld && holder == kFull ? OpenSocket(name, connect) : -1;
+        Stage stage(six);
         stage.isAlone = false;
         stage.Start();
         stage.End();
-        close(holder);
+        close(listener);
         close(caller);
     }
 
@@ -305,24 +292,6 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
     killed.c = {"rm $GATE"};
     killed.Start();
     killed.End();
-}
-
-TEST(LaunchTest, NothingThatHappensToTheWindowEndsTheLauncher)
-{
-    setenv("QT_FONT_DPI", "144", 1);
-    Stage stage({"", "new", "true", "true",
-                 "until [ -e go ]; do sleep 0.01; done; grep -oE 'libqxcb|xcbgl' /proc/$PID/maps | "
-                 "uniq >home/plugins"});
-    stage.display = getenv("DISPLAY");
-    stage.Start();
-    EXPECT_NE(AskWindow("getwindowgeometry").find("Geometry: 600x"), std::string::npos);
-    AskWindow("key --window %1 Escape sleep 0.3");
-    EXPECT_NE(AskWindow(""), "") << "it is still there";
-    AskWindow("windowkill"); // the display cuts the connection
-    EXPECT_EQ(stage.Started(), "");
-    stage.Shell(": >go");
-    stage.End();
-    EXPECT_EQ(ReadFile(stage.Path("home/plugins")), "libqxcb\n") << "OpenGL is slow to set up";
 }
 
 TEST(LaunchTest, WarnsOfAStartScriptThatDoesNotReturn)
@@ -344,6 +313,7 @@ int main(int argc, char **argv)
         unsetenv(variable);
     }
     setenv("LC_ALL", "C", 1);
+    setenv("X_SERVER", getenv("DISPLAY"), 1);
     hasOwnNetwork = EnterOwnNetwork();
     return RUN_ALL_TESTS();
 }

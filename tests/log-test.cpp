@@ -98,10 +98,7 @@ TEST_F(LogTest, ShowsTheCallersErrnoAndRotatesAfterTheLineThatPassesFiveMebibyte
 TEST_F(LogTest, EachComponentHasItsOwnThresholdUntilItIsSetAgain)
 {
     const std::tuple<const char *, const char *, bool> cases[] = {
-        {"default_component=7\nlauncher_debug=7x\nservice_debug=2\nfile_op_debug=none\n", "72044",
-         false},
-        {"service_debug=6\r\n", "76044", false},
-        {"service_debug=5\nmalformed\n", "76044", true},
+#include "tests/level-cases.inc"
     };
     for (const auto &[file, expected, isUnreadable] : cases) {
         StartLog(file);
@@ -141,17 +138,6 @@ TEST_F(LogTest, AFailureSilencesTheLoggerUntilTheNextInitialize)
     StartLog();
     EXPECT_EQ(Tree("/proc/self/fdinfo").size(), openFiles)
         << "its own are closed, and the program's are not";
-}
-
-TEST_F(LogTest, KeepsFortyNineGenerations)
-{
-    for (int i = 0; i < 60; ++i) {
-        Say("run " + std::to_string(i) + "\n");
-        ASSERT_EQ(Logger::Rotate(), 0);
-    }
-    EXPECT_EQ(ReadFile(LogPath() + "_0").substr(kStampBytes), "run 59\n");
-    EXPECT_EQ(ReadFile(LogPath() + "_48").substr(kStampBytes), "run 11\n");
-    EXPECT_FALSE(fs::exists(LogPath() + "_49")) << "of the fifty numbers one stays free";
 }
 
 TEST_F(LogTest, ThreadsLoseAndTearNoLineThroughRotations)
