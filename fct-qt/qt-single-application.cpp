@@ -216,7 +216,12 @@ bool QtSingleApplication::isRunning()
     if (instanceSocket >= 0) {
         return false;
     }
-    const Listener listener = BindInstanceSocket(instanceSocket);
-    // Another user may hold the name, or keep its queue full: then the list of processes decides.
-    return listener == Listener::kSameUser || (listener != Listener::kThisProcess && HasEarlierInstance());
+    switch (BindInstanceSocket(instanceSocket)) {
+    case Listener::kThisProcess:
+        return false;
+    case Listener::kSameUser:
+        return true;
+    default: // another user holds the address or keeps its queue full
+        return HasEarlierInstance();
+    }
 }

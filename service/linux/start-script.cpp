@@ -62,16 +62,16 @@ int Spawn(const std::string &script, pid_t &child)
     posix_spawnattr_init(&attributes);
     posix_spawn_file_actions_init(&files);
 
-    const SignalSettings signals = CallerSignals();
-    sigset_t defaults;
+    const SignalSettings settings = CallerSignals();
+    sigset_t defaults; // all that the child does not ignore
     sigfillset(&defaults);
     for (int number = 1; number < NSIG; ++number) {
-        if (sigismember(&signals.ignored, number) == 1) {
+        if (sigismember(&settings.ignored, number) == 1) {
             sigdelset(&defaults, number);
         }
     }
     posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setsigmask(&attributes, &signals.blocked);
+    posix_spawnattr_setsigmask(&attributes, &settings.blocked);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     // Not opened by posix_spawn(), which would then fail where /dev/null is missing.
     const ScopedFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -80,7 +80,7 @@ int Spawn(const std::string &script, pid_t &child)
     }
 
     const char *const arguments[] = {script.c_str(), "start", nullptr};
-    const IgnoringSignals ignoring(signals.ignored);
+    const IgnoringSignals ignoring(settings.ignored);
     const int error =
         posix_spawn(&child, script.c_str(), &files, &attributes, const_cast<char *const *>(arguments), environ);
     posix_spawn_file_actions_destroy(&files);
