@@ -1,10 +1,5 @@
 #include "extractor/extractor.h"
 
-#include <memory>
-
-#include <archive.h>
-#include <archive_entry.h>
-
 #include "launcher/strings/str-table.h"
 #include "tests/support.h"
 
@@ -57,27 +52,6 @@ TEST_F(ExtractorTest, RefusesBadArchivesAndBadTargets)
         EXPECT_EQ(Logged(message), 1) << prepare << Log();
         EXPECT_EQ(Logged("(null)"), 0) << Log();
     }
-}
-
-TEST_F(ExtractorTest, CopiesTheDataOfAnEntryIntoItsPlaces)
-{
-    Shell("head -c 300000 /dev/urandom >f; truncate -s 1M f; echo end >>f; tar -Scf a f");
-    const std::unique_ptr<archive, int (*)(archive *)> in(archive_read_new(), archive_read_free);
-    archive_read_support_format_all(in.get());
-    archive_read_open_filename(in.get(), Path("a").c_str(), 10240);
-    archive_entry *entry = nullptr;
-    archive_read_next_header(in.get(), &entry);
-    archive_entry_set_pathname(entry, Path("copy").c_str());
-    const std::unique_ptr<archive, int (*)(archive *)> out(archive_write_disk_new(),
-                                                           archive_write_free);
-    archive_write_header(out.get(), entry);
-    EXPECT_EQ(Extractor().copy_data(in.get(), out.get()), 0);
-    Shell("tar -xf a; cmp f copy");
-    archive_read_close(in.get());
-    EXPECT_EQ(Extractor().copy_data(in.get(), out.get()), -1);
-    EXPECT_EQ(Logged("archive_read_data_block failed: '"), 1) << Log();
-    EXPECT_EQ(Extractor().copy_data(nullptr, out.get()), -1);
-    EXPECT_EQ(Logged(": Invalid Argument\n"), 1) << Log();
 }
 
 TEST_F(ExtractorTest, CountsAndListsAlsoWhatCanBeReadOnlyOnce)

@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "service/linux/start-script.h"
 #include "tests/support.h"
 
 namespace
@@ -92,7 +91,7 @@ struct Case {
 class Stage : public ScratchTest
 {
 public:
-    using ScratchTest::Log, ScratchTest::Path, ScratchTest::PlainLog;
+    using ScratchTest::Path, ScratchTest::PlainLog;
 
     explicit Stage(const Case &toStart = {}) : c(toStart)
     {
@@ -285,23 +284,6 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
         close(listener);
         close(caller);
     }
-
-    Stage killed({"", "new", "true", "true", "kill -KILL $PID"});
-    killed.Start();
-    EXPECT_EQ(Wait(killed.launcher), 128 + SIGKILL);
-    killed.c = {"rm $GATE"};
-    killed.Start();
-    killed.End();
-}
-
-TEST(LaunchTest, WarnsOfAStartScriptThatDoesNotReturn)
-{
-    Stage stage;
-    stage.Shell(
-        "printf '#!/bin/sh\\nsleep 0.2\\ntouch \"%s/started\"\\n' \"$PWD\" >slow; chmod 755 slow");
-    RunStartScript(stage.Path("slow"), 100);
-    EXPECT_EQ(CountOf(stage.Log(), "has not returned for"), 1);
-    stage.Shell("test -e started");
 }
 
 int main(int argc, char **argv)

@@ -103,19 +103,6 @@ TEST_F(LauncherTest, AStartReachesTheWindowAndTheClient)
     }
 }
 
-TEST_F(LauncherTest, TextsAndFontFollowTheLanguage)
-{
-    const std::tuple<const char *, const char *, const char *> cases[] = {
-        {"th_TH.UTF-8", "Microsoft Sans Serif,9,-1,5,50,0", "ไคลเอ็นต์ Brimlock"},
-        {"fi_FI", "Arial,9,-1,5,50,0", "Brimlock Client"}};
-    for (const auto &[locale, font, name] : cases) {
-        setenv("LC_ALL", locale, 1);
-        initializeLanguage(*static_cast<QtSingleApplication *>(qApp));
-        EXPECT_EQ(QApplication::font().toString().toStdString().rfind(font, 0), 0);
-        EXPECT_EQ(ProcessingProgressDialog().windowTitle().toStdString(), name);
-    }
-}
-
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);

@@ -1,5 +1,6 @@
 #include <chrono>
 
+#include "service/linux/start-script.h"
 #include "tests/install-support.h"
 
 namespace
