@@ -33,11 +33,13 @@ TEST_F(FileOpTest, ResultsAndMessagesAreWhatTheyAlwaysWere)
     const auto unprivileged = [](const std::function<int()> &call) {
         return InChild([&] { return BecomeUnprivileged(), call() == 0 ? 0 : errno; });
     };
+    const auto openFiles = Tree("/proc/self/fdinfo").size();
     fs::current_path(scratch);
     ExpectResults({
 #include "tests/call-cases.inc"
     });
     fs::current_path("/");
+    EXPECT_EQ(Tree("/proc/self/fdinfo").size(), openFiles);
     EXPECT_EQ(PlainLog(), ReadFile(BRIMLOCK_TESTS "/file-op-log.txt"));
 }
 

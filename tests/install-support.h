@@ -16,10 +16,12 @@ protected:
     InstallTest()
     {
         StrTable::InitStrTable();
-        const char *const paths[][2] = {
-            {path_key::kRootResource, "opt"},           {path_key::kUserBrimlock, "base"},
-            {path_key::kUserBrimlockApp, "base/app"},   {path_key::kUserBrimlockResource, "base/app"},
-            {path_key::kUserBrimlockUi, "base/app/ui"}, {path_key::kUserLarkspire, "old"}};
+        const char *const paths[][2] = {{path_key::kRootResource, "opt"},
+                                        {path_key::kUserBrimlock, "base"},
+                                        {path_key::kUserBrimlockApp, "base/app"},
+                                        {path_key::kUserBrimlockResource, "base/app"},
+                                        {path_key::kUserBrimlockUi, "base/app/ui"},
+                                        {path_key::kUserLarkspire, "old"}};
         for (const auto &[key, path] : paths) {
             UIPathManager::getInstance()->setPath(key, QString::fromStdString(Path(path)));
         }

@@ -1,5 +1,5 @@
-# Makes a user's copy, build 1000, in $app and a shipped client, build 1001, in opt. $ui is the client's program. Their
-# start scripts append the build and their argument to the file "started".
+# Makes a user's copy, build 1000, in $app and a shipped client, build 1001, in opt. $ui is the
+# client's program. Their start scripts append the build and their argument to the file "started".
 : "${app:=base/app}" "${ui:=ui}"
 for client in $app:1000 opt/package/larkspire:1001; do
     folder=${client%:*}
