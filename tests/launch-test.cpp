@@ -49,8 +49,7 @@ int OpenSocket(const std::string &name, int (*use)(int, const sockaddr *, sockle
     return fd;
 }
 
-// A display that passes on what one client sends, up to this many bytes. Then it hangs up, or
-// hangs.
+// A display that passes on this many bytes of its client. Then it closes the connection, or hangs.
 pid_t StartDisplay(const std::string &name, int bytes, bool hangs)
 {
     const int listener = OpenSocket(name, bind);
@@ -83,7 +82,7 @@ struct Case {
     std::string start = "true";     // by the user's shell, which then becomes the launcher
     std::string duringUpgrade = {}; // by the user's shell; $PID is the launcher
     int displayBytes = -1;          // after so many from the launcher its display fails
-    bool displayHangs = false;      // instead of hanging up
+    bool displayHangs = false;      // instead of closing the connection
     int seconds = 0;                // that the start takes at least
 };
 
@@ -176,8 +175,8 @@ public:
     std::string Started() const { return ReadFile(Path("started")); }
 
     Case c;
-    std::string display = ":987"; // that the launcher is told of; there is none
-    bool isAlone = true;          // meets no other launcher
+    std::string display = ":987"; // no such display exists
+    bool isAlone = true;          // in its network namespace
     time_t started = 0;
     pid_t launcher = 0;
     pid_t gate = 0;
@@ -209,14 +208,15 @@ TEST(LaunchTest, WholeStartsReadAsTheyAlwaysDid)
     Stage stage;
     stage.Shell("rm -r $BASE; mkdir -p home/.Larkspire/app/x");
     const std::pair<std::string, std::string> starts[] = {
-#include "tests/run-cases.inc"
+#include "tests/log-start-cases.inc"
     };
     for (const auto &[name, change] : starts) {
         stage.c.prepare = change + "; mkdir -p $BASE/log; echo '== " + name + "' >>$LOG";
         stage.Start();
         EXPECT_EQ(Wait(stage.launcher), 0);
     }
-    // Without what is copied below the package, whose order is the disk's. The start marker once.
+    // Removes the lines of folders in the package, whose order is that of the disk, and all start
+    // markers but the first.
     stage.Shell("sed -i -E '/cpp.[0-9]+.: copy from .*larkspire.[a-z]/d;"
                 "/^== nothing/,$ { / >>> /d }' $LOG");
     EXPECT_EQ(stage.PlainLog("home/.Brimlock/log/launcher.log"),
@@ -243,8 +243,8 @@ TEST(LaunchTest, NothingAroundAStartCostsTheClient)
 
 TEST(LaunchTest, ADisplayThatFailsCostsNoMoreThanTheWindow)
 {
-    // After how many bytes it hangs up, or hangs, and how many seconds are waited for it. The
-    // window is there after about 9700 bytes.
+    // How many bytes it takes, whether it then hangs, and the seconds that the launcher waits for
+    // it. The window is visible after about 9700 bytes.
     const std::tuple<int, bool, int> displays[] = {{3000, true, 10}, {12000, true, 3},
                                                    {0, false, 0},    {900, false, 0},
                                                    {5400, false, 0}, {9900, false, 0}};
@@ -289,7 +289,7 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    // Nothing of the developer's desktop.
+    // Nothing comes from the developer's desktop.
     for (const char *variable :
          {"QT_QPA_PLATFORM", "LANGUAGE", "WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP"}) {
         unsetenv(variable);

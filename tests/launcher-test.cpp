@@ -79,7 +79,7 @@ TEST_F(LauncherTest, TheLabelIsBlackAlsoUnderADarkTheme)
 TEST_F(LauncherTest, AStartReachesTheWindowAndTheClient)
 {
     const std::tuple<const char *, std::string, const char *> cases[] = {
-#include "tests/window-runs.inc"
+#include "tests/window-start-cases.inc"
     };
     for (const auto &[pack, expected, started] : cases) {
         launcher.reset();

@@ -28,7 +28,7 @@ const struct StaticObject {
 
 TEST(LogDeathTest, EachSinkHasItsForm)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); // runs the program anew, constructors included
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // restarts the program
     const auto useAllSinks = [] {
         Say("hidden\n", Logger::INFO);
         openlog("system", LOG_PERROR, LOG_USER);

@@ -10,7 +10,7 @@ class ServiceTest : public InstallTest
 protected:
     void GivenPid(const std::string &pid) { WriteFile(Path("base/ui.pid"), "pid=" + pid + "\n"); }
 
-    // A client's process, at its work, in a group of its own, where any user may signal it.
+    // Starts a client, as an ordinary user and in a process group of its own.
     pid_t StartClient(const std::string &program, const char *before = ":")
     {
         WriteFile(program,
@@ -83,10 +83,10 @@ TEST_F(ServiceTest, StopsTheClientGentlyAndThenForciblyAndNoProcessThatInherited
 {
     struct Client {
         std::string program;
-        const char *before; // it begins its work
+        const char *before; // a command that it executes first
         const char *pidFileDate;
-        int signal;  // that ends it; SIGUSR1 is the test's own
-        int seconds; // that stopping it takes
+        int signal;  // that ends it; SIGUSR1 comes from the test
+        int seconds; // that StopService() takes, 0 for less than 3
     };
     const Client clients[] = {{app + "/client", ":", "1 minute ago", SIGTERM, 0},
                               {app + "/stubborn", "trap : TERM", "1 minute ago", SIGKILL, 5},
@@ -101,7 +101,7 @@ TEST_F(ServiceTest, StopsTheClientGentlyAndThenForciblyAndNoProcessThatInherited
             service.StopService();
             const auto passed = std::chrono::steady_clock::now() - start;
             const auto seconds = static_cast<int>(passed / std::chrono::seconds(1));
-            return seconds < 3 ? 0 : seconds; // a probe or two are as good as none
+            return seconds < 3 ? 0 : seconds;
         };
         const pid_t stopper = Spawn(stop);
         if (c.signal == SIGUSR1) {
@@ -121,7 +121,8 @@ TEST_F(ServiceTest, SignalsNothingButAPositiveProcessId)
     const pid_t bystander = StartClient(Path("bystander"));
     const std::string pid = std::to_string(bystander);
     const std::string wrapped = std::to_string((1LL << 32) - bystander); // -pid in 32 bits
-    // Without root's powers, in a process group of its own, and -1 last: a fault must not end more.
+    // As an ordinary user, in a process group of its own, -1 last: a fault must not end more than
+    // that.
     for (const std::string &text : {"-" + pid, wrapped, std::string("0"), std::string("abc"),
                                     "1\nPID=" + pid + " 2", "\nkey=" + pid, std::string("-1")}) {
         GivenPid(text);
@@ -137,8 +138,7 @@ TEST_F(ServiceTest, SignalsNothingButAPositiveProcessId)
     EXPECT_EQ(InChild(stopItself), 0);
     GivenPid(pid);
     Shell("rm base/app/ui");
-    EXPECT_EQ(service.HandlePackageUpgrade(), 0)
-        << "without a program nothing can run from the copy";
+    EXPECT_EQ(service.HandlePackageUpgrade(), 0) << "no program, so no client";
     kill(bystander, SIGUSR1);
     EXPECT_EQ(Wait(bystander), 128 + SIGUSR1);
 }

@@ -67,7 +67,7 @@ inline std::set<std::string> Tree(const fs::path &folder)
     return entries;
 }
 
-// Runs the body in a child process.
+// Executes the body in a child process.
 inline pid_t Spawn(const std::function<int()> &body)
 {
     const pid_t child = fork();
@@ -118,15 +118,14 @@ inline void BecomeUnprivileged()
     }
 }
 
-// A scratch folder that every user may write to, outside the home folder. The log in it has all
-// levels.
+// A scratch folder that every user may write to, and a log in it with all levels.
 class ScratchTest : public testing::Test
 {
 protected:
     ScratchTest()
     {
         std::string name =
-            "/tmp/brimlock t\xc3\xabst-XXXXXX"; // as the path of a home folder may be
+            "/tmp/brimlock t\xc3\xabst-XXXXXX"; // blank and accent, as in a home folder
         if (mkdtemp(name.data()) == nullptr || chmod(name.c_str(), 0777) != 0) {
             abort();
         }
@@ -150,7 +149,7 @@ protected:
         chmod(LogPath().c_str(), 0666);
     }
 
-    // Runs the commands in the scratch folder and returns what they print. Each must succeed.
+    // Executes commands in the scratch folder and returns what they print. Each must succeed.
     std::string Shell(const std::string &commands) const
     {
         const std::string out = scratch.string() + ".out";
