@@ -295,7 +295,8 @@ int main(int argc, char **argv)
         unsetenv(variable);
     }
     setenv("LC_ALL", "C", 1);
-    setenv("X_SERVER", getenv("DISPLAY"), 1);
+    const char *const display = getenv("DISPLAY");
+    setenv("X_SERVER", display != nullptr ? display : "", 1);
     hasOwnNetwork = EnterOwnNetwork();
     return RUN_ALL_TESTS();
 }
