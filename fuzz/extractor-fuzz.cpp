@@ -1,26 +1,72 @@
-// The extractor: whatever bytes the archive is made of, nothing outside the target changes unless a link leads there.
+// The extractor: whatever an archive contains, nothing outside the target changes, unless a link in
+// the archive leads there.
 
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <thread>
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "extractor/extractor.h"
-#include "fuzz/scratch.h"
 #include "launcher/strings/str-table.h"
+#include "log/log.h"
 
 namespace fs = std::filesystem;
 
+// Aborts, and so reports the input, if something that must hold does not.
+static void Require(bool holds)
+{
+    if (!holds) {
+        abort();
+    }
+}
+
+// Creates a folder that any user may write to. No file may grow over 1 MiB, whatever an input says.
+static fs::path CreateScratch()
+{
+    std::string name = fs::temp_directory_path() / "brimlock-fuzz-XXXXXX";
+    Require(mkdtemp(name.data()) != nullptr);
+    fs::permissions(name, fs::perms::all);
+    Logger::Destroy();
+    StrTable::InitStrTable();
+    const rlimit limit = {1 << 20, 1 << 20};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    signal(SIGXFSZ, SIG_IGN);
+    return name;
+}
+
+// Extracts as an ordinary user whose root folder is the scratch folder, because links may lead
+// anywhere. Needs root or `unshare --map-root-user`, where no other user id exists.
+static void Extract(const fs::path &scratch)
+{
+    constexpr uid_t nobody = 65534;
+    Require(unshare(CLONE_FS) == 0 && chroot(scratch.c_str()) == 0 && chdir("/") == 0);
+    Require(syscall(SYS_setresuid, nobody, nobody, nobody) == 0 || errno == EINVAL);
+    Extractor extractor;
+    extractor.SetSource("/source");
+    extractor.SetTarget("/target");
+    extractor.Extract();
+}
+
 static bool HasLink(const fs::path &source)
 {
-    const std::unique_ptr<archive, int (*)(archive *)> reader(archive_read_new(), archive_read_free);
-    archive_read_support_filter_all(reader.get());
-    archive_read_support_format_all(reader.get());
-    archive_read_open_filename(reader.get(), source.c_str(), 10240);
+    const std::unique_ptr<archive, int (*)(archive *)> in(archive_read_new(), archive_read_free);
+    archive_read_support_filter_all(in.get());
+    archive_read_support_format_all(in.get());
+    archive_read_open_filename(in.get(), source.c_str(), 10240);
     archive_entry *entry = nullptr;
-    while (archive_read_next_header(reader.get(), &entry) == ARCHIVE_OK) {
+    while (archive_read_next_header(in.get(), &entry) == ARCHIVE_OK) {
         if (archive_entry_symlink(entry) != nullptr || archive_entry_hardlink(entry) != nullptr) {
             return true;
         }
@@ -30,23 +76,18 @@ static bool HasLink(const fs::path &source)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
-    static const fs::path source = Scratch() / "source";
-    static const fs::path target = Scratch() / "target";
-    StrTable::InitStrTable();
-    WriteInput(source, bytes, size);
+    static const fs::path scratch = CreateScratch(); // scripts/fuzz removes it
+    const fs::path source = scratch / "source";
+    const fs::path target = scratch / "target";
+    std::ofstream(source) << std::string(bytes, bytes + size);
     fs::create_directory(target);
     fs::permissions(target, fs::perms::all);
-    std::thread([] {
-        ShutIn();
-        Extractor extractor;
-        extractor.SetSource("/source");
-        extractor.SetTarget("/target");
-        extractor.Extract();
-    }).join();
+    std::thread([] { Extract(scratch); }).join();
 
-    const auto entries = std::distance(fs::directory_iterator(Scratch()), fs::directory_iterator());
-    Require((entries == 2 && fs::exists(target) && fs::file_size(source) == size) || HasLink(source));
-    for (const auto &entry : fs::directory_iterator(Scratch())) {
+    const auto entries = std::distance(fs::directory_iterator(scratch), fs::directory_iterator());
+    const bool isIntact = entries == 2 && fs::exists(target) && fs::file_size(source) == size;
+    Require(isIntact || HasLink(source));
+    for (const auto &entry : fs::directory_iterator(scratch)) {
         fs::remove_all(entry);
     }
     return 0;

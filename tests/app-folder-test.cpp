@@ -12,8 +12,9 @@ public:
     {
         const std::string change = attempts < changes.size() ? changes[attempts] : ":";
         ++attempts;
-        const std::string command =
-            "cd '" + folder + "'; timeout 30 sh -c 'exec 3>$(echo larkspire/gate*); " + change + "' &";
+        const std::string command = "cd '" + folder +
+                                    "'; timeout 30 sh -c 'exec 3>$(echo larkspire/gate*); " +
+                                    change + "' &";
         EXPECT_EQ(system(command.c_str()), 0);
         return LinuxService::CopyPackage();
     }
@@ -33,7 +34,7 @@ protected:
     {
         const QString program = QString::fromStdString(app + "/bin/brimlock-ui");
         UIPathManager::getInstance()->setPath(path_key::kUserBrimlockUi, program);
-        Shell("rm -rf base opt; ui=bin/brimlock-ui; . '" BRIMLOCK_TESTS "/install.sh'");
+        Shell("rm -rf base opt; ui=bin/brimlock-ui; . '" BRIMLOCK_TESTS "/make-clients.sh'");
     }
 
     // `words`: state, backup, trusted.
@@ -111,7 +112,8 @@ TEST_F(AppFolderTest, AStartFinishesOrUndoesWhatEachRecordOfTheJournalTells)
         service.PreUpgrade();
         const bool isDue = service.IsNeedUpgrade();
         service.CloseUserFolder();
-        EXPECT_EQ((isOpened ? "" : "refused ") + std::string(isDue ? "due " : "") + Found(), c.expected)
+        EXPECT_EQ((isOpened ? "" : "refused ") + std::string(isDue ? "due " : "") + Found(),
+                  c.expected)
             << c.prepare << " | " << c.recorded;
     }
 }
@@ -192,11 +194,12 @@ TEST_F(AppFolderTest, TheLockIsPrivateAndTheJournalReadable)
 
 TEST_F(AppFolderTest, TheClientIsStoppedBeforeItsFolderIsTouched)
 {
-    for (const auto &[recorded, found] :
-         {std::pair("copying 0 yes", "1001: app ui.pid"), {"copying none yes", "needed 1001: app ui.pid"}}) {
+    for (const auto &[recorded, found] : {std::pair("copying 0 yes", "1001: app ui.pid"),
+                                          {"copying none yes", "needed 1001: app ui.pid"}}) {
         Shell("rm -rf base/app/bin base/app_tmp; cp -r opt/package/larkspire base/app_tmp");
         GivenJournal(recorded);
-        WriteFile(app + "/client", "#!/bin/sh\n: >'" + Path("ready") + "'\nwhile sleep 0.1; do :; done\n", 0755);
+        WriteFile(app + "/client",
+                  "#!/bin/sh\n: >'" + Path("ready") + "'\nwhile sleep 0.1; do :; done\n", 0755);
         const std::string client = app + "/client";
         const pid_t process = Spawn([&] { return execl(client.c_str(), client.c_str(), nullptr); });
         Shell("timeout 30 sh -c 'until [ -e ready ]; do sleep 0.01; done'; rm ready");
@@ -214,8 +217,8 @@ TEST_F(AppFolderTest, APackageThatChangesWhileItIsCopiedIsCopiedAgain)
           "until [ $(ls -U | head -n 1 | cut -c 1-4) != gate ]; do mv gate* gate$RANDOM; done");
     GatedService service;
     service.folder = Path("opt/package");
-    for (const std::string change : {"touch larkspire/new", "touch larkspire/*", "touch ../INFO", "touch new",
-                                     "mv larkspire x; cp -a x larkspire; rm -r x"}) {
+    for (const std::string change : {"touch larkspire/new", "touch larkspire/*", "touch ../INFO",
+                                     "touch new", "mv larkspire x; cp -a x larkspire; rm -r x"}) {
         service.changes = {change};
         service.attempts = 0;
         EXPECT_EQ(service.PrepareUserEnv(), 0) << change;
@@ -235,7 +238,9 @@ TEST_F(AppFolderTest, TwoFailuresOfACopyCountAsSuccess)
 {
     LinuxService service;
     Shell("mkdir -p from/a from/locked; touch from/a/file from/locked/file; chmod 0 from/locked");
-    const auto copy = [&] { return BecomeUnprivileged(), service.FSCopyPath(Path("from"), Path("to")); };
+    const auto copy = [&] {
+        return BecomeUnprivileged(), service.FSCopyPath(Path("from"), Path("to"));
+    };
     EXPECT_EQ(InChild(copy), 0);
     EXPECT_EQ(Tree(Path("to")), (std::set<std::string>{"a", "a/file=", "locked"}));
     EXPECT_EQ(Logged("failed to create handle  for src '" + Path("from/locked") + "' failed\n"), 1);

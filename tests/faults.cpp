@@ -322,7 +322,8 @@ void Prepare()
     Shell("mkdir home disks; mount -t tmpfs none disks; truncate -s 8M disks/live; "
           "mkfs.ext4 -q -F -m 0 disks/live");
     hasLoopDevice = system("mount -o loop disks/live home 2>&-") == 0;
-    Shell("app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; . '" BRIMLOCK_TESTS "/install.sh'; "
+    Shell("app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; . '" BRIMLOCK_TESTS
+          "/make-clients.sh'; "
           "mkdir -p home/.hidden home/.Brimlock/data $app/lib/.deep; "
           "echo kept | tee home/.hidden/file home/.Brimlock/data/db >$app/only-old; "
           "head -c 20000 /dev/urandom | tee -a $folder/lib/.deep/data >$app/lib/.deep/data; "

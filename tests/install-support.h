@@ -9,21 +9,23 @@
 #include "service/linux/linux-service.h"
 #include "tests/support.h"
 
-// A user's copy and a newer shipped client, as install.sh makes them.
+// A user's copy and a newer shipped client, as make-clients.sh makes them.
 class InstallTest : public ScratchTest
 {
 protected:
     InstallTest()
     {
         StrTable::InitStrTable();
-        const char *const paths[][2] = {
-            {path_key::kRootResource, "opt"},           {path_key::kUserBrimlock, "base"},
-            {path_key::kUserBrimlockApp, "base/app"},   {path_key::kUserBrimlockResource, "base/app"},
-            {path_key::kUserBrimlockUi, "base/app/ui"}, {path_key::kUserLarkspire, "old"}};
+        const char *const paths[][2] = {{path_key::kRootResource, "opt"},
+                                        {path_key::kUserBrimlock, "base"},
+                                        {path_key::kUserBrimlockApp, "base/app"},
+                                        {path_key::kUserBrimlockResource, "base/app"},
+                                        {path_key::kUserBrimlockUi, "base/app/ui"},
+                                        {path_key::kUserLarkspire, "old"}};
         for (const auto &[key, path] : paths) {
             UIPathManager::getInstance()->setPath(key, QString::fromStdString(Path(path)));
         }
-        Shell(". '" BRIMLOCK_TESTS "/install.sh'");
+        Shell(". '" BRIMLOCK_TESTS "/make-clients.sh'");
     }
 
     const std::string app = Path("base/app");

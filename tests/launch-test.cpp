@@ -9,23 +9,28 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "service/linux/start-script.h"
 #include "tests/support.h"
 
 namespace
 {
-const std::string kGate = "opt/package/larkspire/gate"; // a file that the copying waits for
-const std::string kLog = "home/.Brimlock/log/launcher.log";
+// For shells in a test's folder.
+const std::string kVariables =
+    "L=opt/bin/launcher INFO=opt/INFO LEVELS=opt/log/launcher.debug PACKAGE=opt/package/larkspire "
+    "SCRIPT=$PACKAGE/package/start-stop GATE=$PACKAGE/gate BASE=home/.Brimlock "
+    "APP=$BASE/Brimlock.app PIDFILE=$BASE/ui.pid LOG=$BASE/log/launcher.log "
+    "SURROUNDINGS='" BRIMLOCK_TESTS "/surroundings.sh'\n";
 const std::string kDisplays = "/tmp/.X11-unix/X"; // and the number: their sockets
+constexpr int kSlackSeconds = 14;                 // for a slow machine
 bool hasOwnNetwork = false;
 
-// The name of a launcher's socket holds in its network namespace. In one of its own a launcher meets nobody.
+// An abstract socket belongs to a network namespace. In its own namespace a launcher is alone.
 bool EnterOwnNetwork()
 {
     const std::string user = std::to_string(getuid());
     const std::string group = std::to_string(getgid());
-    const bool hasEntered = unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) == 0;
-    // As who they were; refused where it is not needed.
+    const bool hasEntered =
+        unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) == 0;
+    // The user keeps their id. Refused for root, who has entered no user namespace.
     std::ofstream("/proc/self/uid_map") << user << " " << user << " 1";
     std::ofstream("/proc/self/setgroups") << "deny";
     std::ofstream("/proc/self/gid_map") << group << " " << group << " 1";
@@ -35,14 +40,17 @@ bool EnterOwnNetwork()
 int OpenSocket(const std::string &name, int (*use)(int, const sockaddr *, socklen_t))
 {
     sockaddr_un address = {AF_UNIX, ""};
-    const size_t size = offsetof(sockaddr_un, sun_path) + name.copy(address.sun_path, sizeof address.sun_path);
+    const size_t size =
+        offsetof(sockaddr_un, sun_path) + name.copy(address.sun_path, sizeof address.sun_path);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(use(fd, reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(size)), 0) << name;
+    EXPECT_EQ(use(fd, reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(size)),
+              0)
+        << name;
     return fd;
 }
 
-// As the display of this socket, passes on what one client says, up to this many bytes. Then it hangs up, or hangs.
-pid_t StartDisplay(const std::string &name, size_t bytes, bool hangs)
+// A display that passes on this many bytes of its client. Then it closes the connection, or hangs.
+pid_t StartDisplay(const std::string &name, int bytes, bool hangs)
 {
     const int listener = OpenSocket(name, bind);
     chmod(name.c_str(), 0777);
@@ -54,11 +62,12 @@ pid_t StartDisplay(const std::string &name, size_t bytes, bool hangs)
         while (bytes > 0 && poll(events, 2, -1) > 0) {
             char data[4096];
             const int from = events[0].revents != 0 ? 0 : 1;
-            const ssize_t size = read(ends[from], data, std::min(from == 0 ? bytes : sizeof data, sizeof data));
+            const size_t most = from == 0 ? static_cast<size_t>(bytes) : sizeof data;
+            const ssize_t size = read(ends[from], data, std::min(most, sizeof data));
             if (size <= 0 || write(ends[1 - from], data, static_cast<size_t>(size)) != size) {
                 return 0;
             }
-            bytes -= from == 0 ? static_cast<size_t>(size) : 0;
+            bytes -= from == 0 ? static_cast<int>(size) : 0;
         }
         return hangs ? pause() : 0;
     });
@@ -67,27 +76,29 @@ pid_t StartDisplay(const std::string &name, size_t bytes, bool hangs)
 }
 
 struct Case {
-    std::string prepare = {};      // by a shell, in the scratch folder
-    std::string client = "new";    // which is started, if any
-    std::string logged = {};       // once
-    std::string start = "exec $L"; // by the user's shell; $L is the launcher
-    std::string atTheGate = {};    // what happens in the middle of the upgrade; $PID is the launcher
-    std::string says = {};         // the start script, beside its own words
-    long displayBytes = -1;        // after so many from the launcher a display of its own hangs up
-    bool displayHangs = false;     // or hangs
+    std::string prepare = {};       // by a shell, in the scratch folder
+    std::string client = "new";     // that is started at the end, if any
+    std::string check = "true";     // by a shell, afterwards
+    std::string start = "true";     // by the user's shell, which then becomes the launcher
+    std::string duringUpgrade = {}; // by the user's shell; $PID is the launcher
+    int displayBytes = -1;          // after so many from the launcher its display fails
+    bool displayHangs = false;      // instead of closing the connection
+    int seconds = 0;                // that the start takes at least
 };
 
-// A user's copy and a newer shipped client, and one start of the launcher. Several can be at work at a time.
+// A user's copy, a newer shipped client and one start of the launcher.
 class Stage : public ScratchTest
 {
 public:
-    using ScratchTest::Log, ScratchTest::Path, ScratchTest::Shell;
+    using ScratchTest::Path, ScratchTest::PlainLog;
 
-    Stage()
+    explicit Stage(const Case &toStart = {}) : c(toStart)
     {
-        Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; app=home/.Brimlock/Brimlock.app ui=bin/brimlock-ui; "
-              ". '" BRIMLOCK_TESTS
-              "/install.sh'; printf 'launcher_debug=7\nservice_debug=7\n' >opt/log/launcher.debug");
+        Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; app=$APP ui=bin/brimlock-ui;"
+              ". '" BRIMLOCK_TESTS "/make-clients.sh'; printf '%9000d' 1 >$PACKAGE/large;"
+              "printf 'launcher_debug=7\nservice_debug=7\nfile_op_debug=4\n' >$LEVELS;"
+              "for script in $APP/package/start-stop $SCRIPT; do"
+              "  echo \". '$SURROUNDINGS' >'$PWD/inherited'\" >>$script; done");
         old = Tree(app);
     }
 
@@ -102,21 +113,26 @@ public:
 
     void TestBody() override {}
 
-    void Start(const Case &toStart)
+    std::string Shell(const std::string &commands) const
     {
-        c = toStart;
+        return ScratchTest::Shell(kVariables + commands);
+    }
+
+    void Start()
+    {
         static int number = getpid() * 100;
         if (c.displayBytes >= 0) {
             display = ":" + std::to_string(++number);
-            proxy = StartDisplay(kDisplays + display.substr(1), static_cast<size_t>(c.displayBytes), c.displayHangs);
+            proxy = StartDisplay(kDisplays + display.substr(1), c.displayBytes, c.displayHangs);
         }
-        Shell("INFO=opt/INFO BASE=home/.Brimlock APP=$BASE/Brimlock.app PID=$BASE/ui.pid LEVELS=opt/log/launcher.debug "
-              "PACKAGE=opt/package/larkspire SCRIPT=$PACKAGE/package/start-stop\n" +
-              c.prepare + "\ntest $(id -u) != 0 || chown -hR 65534:65534 home $(test ! -e disk || echo disk)" +
-              (c.atTheGate.empty() ? "" : "; mkfifo -m 666 " + kGate)); // before anybody comes to it
-        launcher = AsTheUser("L=opt/bin/launcher; " + c.start, isAlone);
-        if (!c.atTheGate.empty()) {
-            gate = AsTheUser("exec 3>" + kGate + "; PID=" + std::to_string(launcher) + "; " + c.atTheGate, false);
+        Shell(c.prepare +
+              "\n[ $(id -u) != 0 ] || chown -hR 65534:65534 $(ls -d home disk || true)" +
+              (c.duringUpgrade.empty() ? "" : "\nmkfifo -m 666 $GATE"));
+        started = time(nullptr);
+        launcher = AsTheUser(c.start + "; . $SURROUNDINGS >home/given; exec $L", isAlone);
+        if (!c.duringUpgrade.empty()) {
+            const std::string pid = "PID=" + std::to_string(launcher);
+            gate = AsTheUser("set -e; exec 3>$GATE; " + pid + "; " + c.duringUpgrade, false);
         }
     }
 
@@ -129,32 +145,39 @@ public:
                 EnterOwnNetwork();
             }
             BecomeUnprivileged();
-            return chdir(scratch.c_str()) != 0 || freopen("home/stderr", "a", stderr) == nullptr ||
-                   execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            close_range(STDERR_FILENO + 1, ~0U, 0);
+            return chdir(scratch.c_str()) != 0 || freopen("home/stdout", "a", stdout) == nullptr ||
+                   freopen("home/stderr", "a", stderr) == nullptr ||
+                   execl("/bin/sh", "sh", "-c", (kVariables + command).c_str(), nullptr);
         });
     }
 
     // Waits for the end of what was started, and looks at what it has left.
     void End()
     {
-        SCOPED_TRACE(c.prepare + " | " + c.start + " | " + c.atTheGate + " | " + display);
-        EXPECT_TRUE(gate == 0 || Wait(gate) == 0) << "it came to the gate";
+        SCOPED_TRACE(c.prepare + " | " + c.start + " | " + c.duringUpgrade + " | " + display);
+        EXPECT_EQ(gate == 0 ? 0 : Wait(gate), 0) << "during the upgrade";
         EXPECT_EQ(Wait(launcher), 0);
-        const std::string build = c.client == "old" ? "1000" : "1001";
-        EXPECT_EQ(Started(), c.client.empty() ? "" : build + " start" + c.says + "\n");
-        EXPECT_TRUE(c.logged.empty() || CountOf(ReadFile(Path(kLog)) + ReadFile(Path("home/stderr")), c.logged) == 1)
-            << c.logged;
-        if (!c.client.empty()) {
-            Shell("rm -f " + kGate + " '" + app + "/gate'");
-            EXPECT_EQ(Tree(app), c.client == "old" ? old : Tree(package));
+        EXPECT_GE(time(nullptr) - started, c.seconds);
+        EXPECT_LT(time(nullptr) - started, c.seconds + kSlackSeconds);
+        if (c.client.empty()) {
+            EXPECT_EQ(Started(), "");
+        } else {
+            const bool isOld = c.client == "old";
+            EXPECT_EQ(Started(), isOld ? "1000 start\n" : "1001 start\n");
+            Shell(isAlone ? "diff home/given inherited" : "test -s inherited");
+            Shell("rm -f $GATE $APP/gate");
+            EXPECT_EQ(Tree(app), isOld ? old : Tree(package));
         }
+        Shell("logged() { cat $LOG home/stderr | grep -c \"$1\" | grep -qx 1; }\n" + c.check);
     }
 
     std::string Started() const { return ReadFile(Path("started")); }
 
-    std::string display = ":987"; // that the launcher is told of; this one is not there
-    bool isAlone = true;          // meets no other launcher
     Case c;
+    std::string display = ":987"; // no such display exists
+    bool isAlone = true;          // in its network namespace
+    time_t started = 0;
     pid_t launcher = 0;
     pid_t gate = 0;
     pid_t proxy = 0;
@@ -163,116 +186,117 @@ public:
     const std::string package = Path("opt/package/larkspire");
 };
 
-// What xdotool says of the window; waits until it is there.
-std::string AskWindow(const std::string &command)
+// Three at a time.
+void StartAll(const std::vector<Case> &cases)
 {
-    const std::string whole = "timeout 20 xdotool search --sync --onlyvisible --name '^Brimlock Client$' " + command;
-    const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(whole.c_str(), "r"), pclose);
-    char answer[200] = "";
-    return std::string(answer, fread(answer, 1, sizeof answer, pipe.get()));
-}
-} // namespace
-
-TEST(LaunchTest, WholeRunsReadAsTheyAlwaysDid)
-{
-    Stage stage;
-    stage.Shell("rm -r home/.Brimlock; mkdir -p home/.Larkspire/app/x");
-    const char *const runs[][2] = {
-#include "tests/run-cases.inc"
-    };
-    for (const auto &[run, change] : runs) {
-        stage.Start({std::string(change) + "; mkdir -p $BASE/log; echo '== " + run + "' >>" + kLog});
-        EXPECT_EQ(Wait(stage.launcher), 0);
-    }
-    EXPECT_FALSE(fs::exists(stage.Path("home/.Larkspire/app")));
-    // Without what no two runs share, and without the copied folders, whose order is the disk's.
-    stage.Shell("sed -E 's/^[0-9T:-]+ \\( *[0-9]+: *[0-9]+\\) //; s/\\([0-9]+\\): /: /; s|'\"$PWD\"'||g; "
-                "/copy from .*larkspire.[a-z]/d' " +
-                kLog + " >plain");
-    EXPECT_EQ(ReadFile(stage.Path("plain")), ReadFile(BRIMLOCK_TESTS "/launch-log.txt"));
-}
-
-TEST(LaunchTest, NothingAroundAStartCostsTheClient)
-{
-    const Case cases[] = {
-#include "tests/spoil-cases.inc"
-#include "tests/start-cases.inc"
-    };
-    setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy
-    std::deque<Stage> hanging;
-    std::deque<Stage> others;
+    std::deque<Stage> stages;
     for (const Case &c : cases) {
-        std::deque<Stage> &stages = c.displayHangs ? hanging : others;
-        stages.emplace_back().Start(c);
-        if (!hasOwnNetwork || others.size() > 2) {
+        stages.emplace_back(c).Start();
+        if (!hasOwnNetwork || stages.size() > 2) {
             stages.front().End();
             stages.pop_front();
         }
     }
-    for (std::deque<Stage> *stages : {&others, &hanging}) {
-        for (Stage &stage : *stages) {
-            stage.End();
-        }
+    for (Stage &stage : stages) {
+        stage.End();
     }
+}
+} // namespace
+
+TEST(LaunchTest, WholeStartsReadAsTheyAlwaysDid)
+{
+    Stage stage;
+    stage.Shell("rm -r $BASE; mkdir -p home/.Larkspire/app/x");
+    const std::pair<std::string, std::string> starts[] = {
+#include "tests/log-start-cases.inc"
+    };
+    for (const auto &[name, change] : starts) {
+        stage.c.prepare = change + "; mkdir -p $BASE/log; echo '== " + name + "' >>$LOG";
+        stage.Start();
+        EXPECT_EQ(Wait(stage.launcher), 0);
+    }
+    // Removes the lines of folders in the package, whose order is that of the disk, and all start
+    // markers but the first.
+    stage.Shell("sed -i -E '/cpp.[0-9]+.: copy from .*larkspire.[a-z]/d;"
+                "/^== nothing/,$ { / >>> /d }' $LOG");
+    EXPECT_EQ(stage.PlainLog("home/.Brimlock/log/launcher.log"),
+              ReadFile(BRIMLOCK_TESTS "/launch-log.txt"));
+}
+
+TEST(LaunchTest, NothingAroundAStartCostsTheClient)
+{
+    const std::tuple<const char *, const char *, const char *> spoils[] = {
+#include "tests/spoil-cases.inc"
+    };
+    const std::tuple<const char *, const char *, const char *, const char *> starts[] = {
+#include "tests/start-cases.inc"
+    };
+    std::vector<Case> cases;
+    for (const auto &[prepare, client, check] : spoils) {
+        cases.push_back({prepare, client, check});
+    }
+    for (const auto &[start, duringUpgrade, client, check] : starts) {
+        cases.push_back({"", client, check, start, duringUpgrade});
+    }
+    StartAll(cases);
+}
+
+TEST(LaunchTest, ADisplayThatFailsCostsNoMoreThanTheWindow)
+{
+    // How many bytes it takes, whether it then hangs, and the seconds that the launcher waits for
+    // it. The window is visible after about 9700 bytes.
+    const std::tuple<int, bool, int> displays[] = {{3000, true, 10}, {12000, true, 3},
+                                                   {0, false, 0},    {900, false, 0},
+                                                   {5400, false, 0}, {9900, false, 0}};
+    setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy
+    std::vector<Case> cases;
+    for (const auto &[bytes, hangs, seconds] : displays) {
+        Case &c = cases.emplace_back();
+        c.displayBytes = bytes;
+        c.displayHangs = hangs;
+        c.seconds = seconds;
+    }
+    StartAll(cases);
 }
 
 TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 {
-    for (const bool isTaken : {false, true}) {
-        if (isTaken && getuid() == 0) { // only root can act as another user
-            listen(OpenSocket('\0' + std::string("veltrano-brimlock-launcher-") + std::to_string(kNobody), bind), 1);
-        }
-        Stage stage;
+    const std::string name =
+        '\0' + std::string("veltrano-brimlock-launcher-") + std::to_string(kNobody);
+    const Case six = {
+        "", "new", "true",
+        "n=6; for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do "
+        "n=$((n - 1)); (sleep 0.$n; exec env $v=/x $L) & done; wait; exit",
+        "until [ $(grep -c 'app has already launched, return' $LOG) = 5 ]; do sleep 0.01; done"};
+    // Another user, as whom only root can act, may hold the name and answer, not answer or have a
+    // full queue.
+    enum Holder { kNobodyElse, kAnswers, kSilent, kFull };
+    for (const Holder holder : {kNobodyElse, kAnswers, kSilent, kFull}) {
+        SCOPED_TRACE(holder);
+        const bool isHeld = holder != kNobodyElse && getuid() == 0;
+        const int listener = isHeld ? OpenSocket(name, bind) : -1;
+        listen(holder == kSilent ? -1 : listener, holder == kFull ? 0 : SOMAXCONN);
+        const int caller = isHeld && holder == kFull ? OpenSocket(name, connect) : -1;
+        Stage stage(six);
         stage.isAlone = false;
-        stage.Start({"", "new", "",
-                     "n=6; for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do "
-                     "n=$((n - 1)); (sleep 0.$n; exec env $v=/x $L) & done; wait", // the oldest process comes last
-                     "until [ $(grep -c 'app has already launched, return' " + kLog + ") = 5 ]; do sleep 0.01; done"});
+        stage.Start();
         stage.End();
+        close(listener);
+        close(caller);
     }
-
-    Stage killed;
-    killed.Start({"", "new", "", "exec $L", "kill -KILL $PID"});
-    EXPECT_EQ(Wait(killed.launcher), 128 + SIGKILL);
-    killed.Start({"rm " + kGate});
-    killed.End();
-}
-
-TEST(LaunchTest, NothingThatHappensToTheWindowEndsTheRun)
-{
-    Stage stage;
-    stage.display = getenv("DISPLAY");
-    setenv("QT_FONT_DPI", "144", 1);
-    stage.Start({"", "new", "", "exec $L",
-                 "while [ ! -e go ]; do sleep 0.01; done; "
-                 "[ \"$(grep -oE 'libqxcb|xcbgl' /proc/$PID/maps | uniq)\" = libqxcb ]"});
-    EXPECT_NE(AskWindow("getwindowgeometry").find("Geometry: 600x"), std::string::npos);
-    AskWindow("key --window %1 Escape sleep 0.3");
-    EXPECT_NE(AskWindow(""), "") << "it is still there";
-    AskWindow("windowkill");
-    EXPECT_EQ(stage.Started(), "");
-    stage.Shell(": >go");
-    stage.End(); // also when the display has cut the connection
-}
-
-TEST(LaunchTest, WarnsOfAStartScriptThatDoesNotReturn)
-{
-    Stage stage;
-    WriteFile(stage.Path("slow"), "#!/bin/sh\nsleep 0.2\necho $1 >'" + stage.Path("started") + "'", 0755);
-    RunStartScript(
-        stage.Path("slow"), [] {}, 100);
-    EXPECT_EQ(stage.Started(), "start\n") << "it is waited for";
-    EXPECT_EQ(CountOf(stage.Log(), "has not returned for"), 1);
 }
 
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    // Nothing of the developer's desktop.
-    for (const char *variable : {"QT_QPA_PLATFORM", "LANGUAGE", "WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP"}) {
+    // Nothing comes from the developer's desktop.
+    for (const char *variable :
+         {"QT_QPA_PLATFORM", "LANGUAGE", "WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP"}) {
         unsetenv(variable);
     }
     setenv("LC_ALL", "C", 1);
+    const char *const display = getenv("DISPLAY");
+    setenv("X_SERVER", display != nullptr ? display : "", 1);
     hasOwnNetwork = EnterOwnNetwork();
     return RUN_ALL_TESTS();
 }

@@ -23,7 +23,7 @@
 namespace fs = std::filesystem;
 
 constexpr uid_t kNobody = 65534;
-constexpr int kWaitMilliseconds = 60000;
+constexpr int kWaitMilliseconds = 30000;
 
 inline std::string ReadFile(const fs::path &path)
 {
@@ -49,7 +49,8 @@ inline mode_t ModeOf(const fs::path &path)
 inline int CountOf(const std::string &text, const std::string &part)
 {
     int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    for (size_t at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + part.size())) {
         ++count;
     }
     return count;
@@ -66,7 +67,7 @@ inline std::set<std::string> Tree(const fs::path &folder)
     return entries;
 }
 
-// Runs the body in a child process.
+// Executes the body in a child process.
 inline pid_t Spawn(const std::function<int()> &body)
 {
     const pid_t child = fork();
@@ -76,11 +77,11 @@ inline pid_t Spawn(const std::function<int()> &body)
     return child;
 }
 
-// The exit status of a child process; a signal counts as 128 and its number. One that does not end is killed.
-inline int Wait(pid_t child, int patienceMilliseconds = kWaitMilliseconds)
+// The exit status of a child process; 128 + N if signal N ended it. Fails if it has to be killed.
+inline int Wait(pid_t child, int milliseconds = kWaitMilliseconds)
 {
     pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-    if (ended.fd >= 0 && poll(&ended, 1, patienceMilliseconds) == 0) {
+    if (ended.fd >= 0 && poll(&ended, 1, milliseconds) == 0) {
         ADD_FAILURE() << "process " << child << " does not end";
         kill(child, SIGKILL);
     }
@@ -95,7 +96,21 @@ inline int InChild(const std::function<int()> &body)
     return Wait(Spawn(body));
 }
 
-// Gives up root's powers, so that permissions apply. An ordinary user has none to give up.
+// Rows CALL(call, result) of a table. The calls are made one after the other.
+using Calls = std::vector<std::tuple<const char *, std::string, std::string>>;
+#define CALL(call, result)                                                                         \
+    {                                                                                              \
+#call, testing::PrintToString(call), testing::PrintToString(result)                        \
+    }
+
+inline void ExpectResults(const Calls &calls)
+{
+    for (const auto &[call, found, expected] : calls) {
+        EXPECT_EQ(found, expected) << call;
+    }
+}
+
+// Root becomes an ordinary user, so that permissions apply.
 inline void BecomeUnprivileged()
 {
     if (getuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
@@ -103,13 +118,14 @@ inline void BecomeUnprivileged()
     }
 }
 
-// A scratch folder that everybody may use, away from the home folder, and a log in it that hears everything.
+// A scratch folder that every user may write to, and a log in it with all levels.
 class ScratchTest : public testing::Test
 {
 protected:
     ScratchTest()
     {
-        std::string name = "/tmp/brimlock t\xc3\xabst-XXXXXX"; // as the path of a home folder may be
+        std::string name =
+            "/tmp/brimlock t\xc3\xabst-XXXXXX"; // blank and accent, as in a home folder
         if (mkdtemp(name.data()) == nullptr || chmod(name.c_str(), 0777) != 0) {
             abort();
         }
@@ -120,21 +136,40 @@ protected:
     ~ScratchTest() override
     {
         Logger::Destroy();
-        Shell("chmod -R u+rwX . ; rm -rf '" + scratch.string() + "'"); // not by the functions under test
+        Shell("chmod -R u+rwX . || true; rm -rf \"$PWD\""); // not by the functions under test
     }
 
-    void StartLog(const char *levels = "launcher_debug=7\nservice_debug=7\nextractor_debug=7\nfile_op_debug=7\n")
+    void StartLog(const char *levels = "launcher_debug=7\nservice_debug=7\n"
+                                       "extractor_debug=7\nfile_op_debug=7\n")
     {
         WriteFile(Path("levels"), levels);
-        ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, LogPath(), Path("levels"), 50, Logger::SCOPE_THREAD), 0);
+        ASSERT_EQ(Logger::Initialize(Logger::TYPE_FILE, LogPath(), Path("levels"), 50,
+                                     Logger::SCOPE_THREAD),
+                  0);
         chmod(LogPath().c_str(), 0666);
     }
 
-    // In the scratch folder.
-    void Shell(const std::string &command) const
+    // Executes commands in the scratch folder and returns what they print. Each must succeed.
+    std::string Shell(const std::string &commands) const
     {
-        const std::string whole = "cd '" + scratch.string() + "' && { " + command + "; } >/dev/null 2>&1";
-        EXPECT_EQ(system(whole.c_str()), 0) << command;
+        const std::string out = scratch.string() + ".out";
+        const std::string trace = scratch.string() + ".trace";
+        const std::string whole = "exec >'" + out + "' 2>'" + trace + "'; cd '" + scratch.string() +
+                                  "' && set -ex\n" + commands;
+        const int status = system(whole.c_str());
+        const std::string printed = ReadFile(out);
+        EXPECT_EQ(status, 0) << printed << ReadFile(trace);
+        remove(out.c_str());
+        remove(trace.c_str());
+        return printed;
+    }
+
+    // A log without what differs from start to start: time, process, thread, line, folder.
+    std::string PlainLog(const std::string &log = "log") const
+    {
+        return Shell("sed -E 's/^([0-9T:-]+ )?\\( *[0-9]+: *[0-9]+\\) //; s/\\([0-9]+\\): /: /; "
+                     "s#(/tmp|/dev/shm)'\"${PWD#/tmp}\"'##g' " +
+                     log);
     }
 
     std::string LogPath() const { return Path("log"); }
