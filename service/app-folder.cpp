@@ -316,6 +316,10 @@ AppFolder::MoveResult AppFolder::MoveAside(int n)
 
 int AppFolder::RollBack()
 {
+    parentFd.reset();
+    if (!hasOldCopy) {
+        return 0;
+    }
     if (!GiveNameBack(record.backup)) {
         LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n",
                      GetAppBackupDir(path, record.backup).c_str());
@@ -338,9 +342,7 @@ int AppFolder::BeginCopy()
         }
         LOGGER_ERROR(kComponent, "cannot open '%s': %s (%d)\n", parent.c_str(), strerror(error), error);
     }
-    if (hasOldCopy) {
-        RollBack();
-    }
+    RollBack();
     return -1;
 }
 
@@ -355,6 +357,7 @@ int AppFolder::Flush()
 
 void AppFolder::Commit()
 {
+    parentFd.reset();
     record = {UpgradeJournal::INSTALLED, std::max(record.backup, 0), true};
     if (hasJournal && journal.Write(record) != UpgradeJournal::WRITTEN && journal.Remove() != 0) {
         // The next start takes the new copy for an incomplete one, and needs the backup.

@@ -69,8 +69,8 @@ public:
     // Flushes the new copy to disk. Returns 0, or -1 with one ERROR line.
     int Flush();
 
-    // Removes what has been copied and renames the backup to the app folder. Returns 0, or -1 with one ERROR line; the
-    // backup then keeps its name, and the next Recover() tries again.
+    // Removes what has been copied and renames the backup to the app folder; without an old copy, leaves what has been
+    // copied. Returns 0, or -1 with one ERROR line; the backup then keeps its name, and the next Recover() tries again.
     int RollBack();
 
     // To be called when the new copy is complete and flushed. Removes the backup, and those with lower numbers, which

@@ -274,11 +274,11 @@ int Service::PrepareUserEnv()
     }
     if (FillAppFolder(folder) != 0 || folder.Flush() != 0) {
         // The messages speak of extraction also when the package folder was copied: log readers search for them.
-        if (!folder.HasOldCopy()) {
+        if (folder.HasOldCopy()) {
+            LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
+        } else {
             LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
-            return -1;
         }
-        LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
         folder.RollBack();
         return -1;
     }
