@@ -1,4 +1,4 @@
-// bare-copy SOURCE TARGET: copies a folder of folders and files, 8 KiB at a time, and nothing else.
+// bare-copy SOURCE TARGET: copies a folder of folders and files, 8 KiB at a time, and does nothing else.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -47,7 +47,11 @@ static void copy_folder(const char *source, const char *target)
         }
         snprintf(from, sizeof from, "%s/%s", source, entry->d_name);
         snprintf(to, sizeof to, "%s/%s", target, entry->d_name);
-        (entry->d_type == DT_DIR ? copy_folder : copy_file)(from, to);
+        if (entry->d_type == DT_DIR) {
+            copy_folder(from, to);
+        } else {
+            copy_file(from, to);
+        }
     }
     closedir(dir);
 }

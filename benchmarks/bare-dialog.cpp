@@ -1,4 +1,4 @@
-// bare-dialog SCRIPT ICON: a Qt program that makes the launcher's dialog, runs the start script and ends.
+// bare-dialog SCRIPT ICON: a minimal Qt program that creates the launcher's dialog, runs the start script and ends.
 
 #include <QApplication>
 #include <QFont>

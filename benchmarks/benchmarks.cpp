@@ -1,6 +1,6 @@
-// benchmarks PREFIX HOME DISK: what the launcher and its parts cost beside a well-known program that does the same
-// work, as the rows of a table of ratios. PREFIX is an install of the launcher without the client, HOME an empty
-// folder; both lie in memory. DISK is an empty folder on a disk. What was measured goes to standard error.
+// benchmarks PREFIX HOME DISK: compares the launcher and its parts with well-known programs that do the same work, and
+// prints the rows of a table of ratios. PREFIX is an installation of the launcher without the client, HOME an empty
+// folder; both are in memory. DISK is an empty folder on a disk. The measured times are printed to standard error.
 
 #include <algorithm>
 #include <chrono>
@@ -49,7 +49,7 @@ double Median(std::vector<double> values)
     return values[values.size() / 2];
 }
 
-// What each round has cost each side, in seconds or KiB.
+// What each side needed in each round, in seconds or KiB.
 struct Pair {
     std::vector<double> ours;
     std::vector<double> theirs;
@@ -108,7 +108,7 @@ long Run(const std::vector<std::string> &command)
     return usage.ru_maxrss;
 }
 
-// The files are cut from a real program, so that they compress like one.
+// Creates files whose content is cut from a real program, so that they compress like one.
 void MakeTree(const fs::path &folder, int files, size_t size)
 {
     std::ifstream self("/proc/self/exe");
@@ -141,7 +141,7 @@ void Copy(const fs::path &from, const fs::path &to)
     Require(LinuxService().FSCopyPath(from, to) == 0, "the copy failed");
 }
 
-// Starts with nothing to do: the user's copy is current. Each side runs the same start script, whose time is taken off.
+// Starts with nothing to do: the user's copy is current. Both sides run the same start script; its time is subtracted.
 void MeasureStart(const fs::path &prefix, const fs::path &home)
 {
     const std::string launcher = prefix / "bin/launcher";
@@ -174,8 +174,8 @@ void MeasureStart(const fs::path &prefix, const fs::path &home)
     fs::remove_all(home / ".Brimlock");
 }
 
-// Whole upgrades, less the time of a start with nothing to do. Before each one the user has an old client without a
-// payload, because removal has a row of its own.
+// Whole upgrades, less the time of a start with nothing to do. The old client has no payload, because removal has its
+// own row.
 void MeasureUpgrade(const fs::path &prefix, const fs::path &home)
 {
     const std::string launcher = prefix / "bin/launcher";
@@ -268,7 +268,7 @@ void MeasureSmallFiles(const fs::path &memory, const fs::path &disk)
     perFile.Print("time per file, 50,000 files", "the same, 1,000 files", "≤ 1.10");
     removals.Print("removal of 50,000 files, in memory", "`rm -rf`", "≤ 1.10");
 
-    // Nothing is removed between the rounds: the disk would discard the blocks while the next side is measured.
+    // Remove nothing between the rounds: the disk would discard the blocks while the next side is measured.
     Pair flushed;
     MakeTree(disk / "many", kMany, kBytes);
     Run({"sync", "-f", disk});

@@ -10,7 +10,7 @@ struct archive;
 class Extractor
 {
 public:
-    // The archive: a file. Count() and List() also read a FIFO, for whose writer they wait, or "/dev/stdin".
+    // The archive: a file. Count() and List() also read "/dev/stdin" or a FIFO, and wait for its writer.
     void SetSource(const std::string &path) { source = path; }
 
     // The folder to unpack into, without a trailing "/".
@@ -25,8 +25,8 @@ public:
     // an error and goes on; with an empty source it reads standard input.
     int List();
 
-    // Unpacks the source below the target and replaces files that exist there. What links in the archive can do is
-    // told in docs/behaviour.md. Reports label and progress through Notify_Adapter. Reads the source twice and
+    // Unpacks the source below the target and replaces files that exist there. docs/behaviour.md says what links in the
+    // archive can do. Reports label and progress through Notify_Adapter. Reads the source twice and
     // therefore refuses a FIFO. Owners, times and attributes are not restored. Returns 0, or -1 at the first entry
     // that cannot be read or written completely; the files written before stay, and the caller removes them.
     int Extract();

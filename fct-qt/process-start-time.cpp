@@ -14,7 +14,7 @@ std::optional<uint64_t> ProcessStartTicks(const std::string &processFolder)
 {
     std::ifstream file(processFolder + "/stat");
     const std::string status((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    // The program's name stands in brackets and may itself hold blanks, brackets and line ends.
+    // The program's name is in brackets and may itself contain blanks, brackets and line ends.
     const size_t nameEnd = status.rfind(')');
     if (nameEnd == std::string::npos) {
         return std::nullopt;

@@ -56,7 +56,7 @@ int NewSocket()
 // Who listens at the instance address.
 enum class Listener { kThisProcess, kSameUser, kNobody, kUnknown };
 
-// Connects to find out. kUnknown: another user, or a queue of connections that is full.
+// Connects to the address. kUnknown: another user listens, or the queue of connections is full.
 Listener FindListener(const sockaddr_un &address, socklen_t size)
 {
     const int fd = NewSocket();
@@ -101,9 +101,9 @@ bool IsSameFile(const std::string &path, const std::string &other)
            status.st_dev == otherStatus.st_dev && status.st_ino == otherStatus.st_ino;
 }
 
-// When a process of this program was first there to be found: the start time and the id of its first thread besides the
-// main one. The start time of the process itself is that of its fork(). It may have started this program much later,
-// when another process had already looked for it in vain.
+// The moment from which other launchers take a process for a launcher: the start time of its first thread besides the
+// main one, and the id of this thread. The start time of the process itself is not used, because it is that of fork().
+// The process may have executed this program much later, after another launcher had searched for it and not found it.
 using Arrival = std::pair<uint64_t, pid_t>;
 
 std::optional<Arrival> FindArrival(pid_t pid)
@@ -120,11 +120,11 @@ std::optional<Arrival> FindArrival(pid_t pid)
     return first;
 }
 
-// Whether another process of this user runs this program and arrived earlier. It must be in the same network namespace,
-// because instance sockets, too, are only found there.
+// Whether another process of this user runs this program and arrived earlier. Processes in other network namespaces do
+// not count, because instance sockets are not shared with them either.
 bool HasEarlierInstance()
 {
-    // Arrive before looking at the others, so that of two processes at least the later one sees the other.
+    // Create the thread before looking at other processes. So of two launchers at least the later one sees the other.
     pthread_t thread = 0;
     pthread_create(
         &thread, nullptr,
@@ -151,8 +151,8 @@ bool HasEarlierInstance()
     return false;
 }
 
-// Qt reads QT_FATAL_WARNINGS and QT_FATAL_CRITICALS once in a process, at the first critical message. This one is not
-// shown.
+// Qt reads QT_FATAL_WARNINGS and QT_FATAL_CRITICALS once in a process, at the first critical message. Sends such a
+// message, which is not shown.
 void LetQtReadFatalVariables()
 {
     const QtMessageHandler handler =
@@ -168,7 +168,7 @@ QtEnvironment::QtEnvironment(bool wantsDisplay)
     Set("QT_QPA_PLATFORMTHEME", "");
     Set("QT_STYLE_OVERRIDE", "");
     Set("QT_IM_MODULE", "none");
-    // Qt itself has the theme of one desktop. For the others it would load a library of theirs.
+    // The theme of KDE is a part of Qt. For another desktop, Qt would load a library of that desktop.
     if (!qgetenv("XDG_CURRENT_DESKTOP").split(':').contains("KDE")) {
         Set("XDG_CURRENT_DESKTOP", "none");
         Set("DESKTOP_SESSION", "");
@@ -199,7 +199,7 @@ QtSingleApplication::QtSingleApplication(int &argc, char **argv, bool GUIenabled
     : QtEnvironment(GUIenabled), QApplication(argc, argv)
 {
     RestoreEnvironment();
-    // Otherwise each window sets up OpenGL, which is slow and crashes when the display goes away meanwhile.
+    // Otherwise each window sets up OpenGL, which is slow and crashes if the display disappears meanwhile.
     setAttribute(Qt::AA_ForceRasterWidgets);
     BindInstanceSocket(instanceSocket);
 }

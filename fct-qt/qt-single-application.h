@@ -7,10 +7,10 @@
 #include <QApplication>
 
 // Sets the environment variables that Qt reads while an application object is constructed:
-// - The platform is the one that the user has chosen or the session offers, or else one without a display, where Qt
-//   would abort. Without `wantsDisplay` it is the one without a display.
-// - Qt loads no theme, style or input method that talks to the desktop by itself: if the desktop does not answer, these
-//   end the process or wait forever.
+// - The platform is the one that the user has chosen or the session offers. If it does not work, Qt uses a platform
+//   without a display instead of aborting. Without `wantsDisplay` it uses only that one.
+// - Qt loads no theme, style or input method that communicates with the desktop by itself: if the desktop does not
+//   answer, these end the process or wait forever.
 // - No warning of Qt is fatal (QT_FATAL_WARNINGS, QT_FATAL_CRITICALS), now or later.
 // RestoreEnvironment() restores the variables for the programs that this process starts.
 class QtEnvironment
@@ -25,8 +25,8 @@ private:
     std::vector<std::pair<const char *, QByteArray>> original; // null: was not set
 };
 
-// A QApplication of which only one process per user should run. Where there is no display it starts too; its windows
-// are then not visible.
+// A QApplication of which only one process per user should run. It also starts without a display; its windows are then
+// not visible.
 class QtSingleApplication : private QtEnvironment, public QApplication
 {
 public:

@@ -9,11 +9,11 @@ class VeltranoLocale
 public:
     static VeltranoLocale *getInstance();
 
-    // One of the three-letter codes of resources/translations, "enu" for every other language. Follows the environment
-    // as gettext does: the first of LC_ALL, LC_MESSAGES and LANG that is set names the locale; unless that is
-    // "C" or "POSIX", the languages listed in LANGUAGE come before it. The first one that has a code wins; an
-    // entry "C" or "POSIX" is English, a "pt" without a country European Portuguese. Where nothing in LANGUAGE
-    // has a code, the locale's own language is taken; that is kinder than gettext, which shows English then.
+    // One of the three-letter codes of resources/translations; "enu" (English) for every other language. Reads the
+    // environment as gettext does. The first of LC_ALL, LC_MESSAGES and LANG that is set and not empty names the
+    // locale. "C" and "POSIX" are English. For any other locale, the languages listed in LANGUAGE are preferred to it,
+    // and the first one that has a code is used. An entry "C" or "POSIX" is English, and "pt" without a country is
+    // European Portuguese. If no entry has a code, the language of the locale is used; gettext would show English.
     QString getDefaultLanguage() const;
 
 private:

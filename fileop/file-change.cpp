@@ -33,7 +33,7 @@ bool IsFolder(const std::string &path)
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// mkdir(2), content with a folder that is there already. Otherwise errno is mkdir's.
+// Like mkdir(2), but also succeeds when the folder exists. After a failure, errno is that of mkdir(2).
 bool MakeFolder(const std::string &path)
 {
     if (mkdir(path.c_str(), kNewFolderMode) == 0) {
@@ -47,7 +47,7 @@ bool MakeFolder(const std::string &path)
     return false;
 }
 
-// The folder at `prefix`, one of the levels of an FSMKDir(). Returns false with errno set.
+// Creates the folder at `prefix`, one level of the path that FSMKDir() creates. Returns false with errno set.
 bool MakeLevel(const std::string &prefix, bool isLast)
 {
     struct stat status = {};
@@ -63,7 +63,7 @@ bool MakeLevel(const std::string &prefix, bool isLast)
                     prefix.c_str());
         return false;
     }
-    // The entry is no folder, whatever the text says: the next level fails with ENOTDIR.
+    // The message is wrong, but log readers search for it: the entry is no folder. The next level fails with ENOTDIR.
     LOGGER_INFO(kFileOpComponent, "FSMKDirP: path: %s is symbolic link pointed to folder\n", prefix.c_str());
     return true;
 }
@@ -72,7 +72,7 @@ bool MakeAllLevels(const std::string &path)
 {
     for (size_t end = 0;;) {
         end = std::min(path.find('/', end + 1), path.size());
-        const bool isLast = end + 1 >= path.size(); // a trailing "/" makes no level of its own
+        const bool isLast = end + 1 >= path.size(); // a trailing "/" is not a level
         if (!MakeLevel(path.substr(0, end), isLast)) {
             return false;
         }
@@ -123,7 +123,7 @@ int CopyBytes(int in, int out)
     }
 }
 
-// Opens a file for FSCopy(), which logs under its older name.
+// Opens a file for FSCopy(). The messages call that function CopyFile, its older name.
 int OpenForCopy(const std::string &path, int flags, mode_t mode)
 {
     const int fd = open(path.c_str(), flags | O_CLOEXEC, mode);
@@ -194,7 +194,7 @@ int FSMKDir(const std::string &path, bool recursive)
     }
     _FILE_INFO_tag info;
     if (GetFileInfo(path, info) != 0) {
-        // With both "to".
+        // Log readers search for this text, with "to" twice.
         LOGGER_ERROR(kFileOpComponent, "FSMKDir: Failed to to file info '%s'\n", path.c_str());
         return -1;
     }
@@ -216,7 +216,7 @@ int FSMKDir(const std::string &path, bool recursive)
 int FSMKDirFromRoot(const std::string &target, const std::string &root)
 {
     if (root.size() > target.size()) {
-        // "then", not "than".
+        // Log readers search for this text, with "then" instead of "than".
         LOGGER_ERROR(kFileOpComponent, "Giving a root '%s' whose length is larger then target's '%s'.\n", root.c_str(),
                      target.c_str());
         return -1;
@@ -283,15 +283,18 @@ int FSRemove(const std::string &path, bool)
     if (info.type == FS_TYPE_DIR) {
         ScopedDir dir(opendir(path.c_str()));
         if (!dir) {
-            return 0; // callers rely on it: what may not be looked into is not theirs to remove
+            return 0; // callers rely on that: they must not remove a folder that they may not list
         }
         while (const dirent *entry = readdir(dir.get())) {
             if (IsDotEntry(entry->d_name)) {
                 continue;
             }
             const std::string child = path + "/" + entry->d_name;
-            const bool isFile = entry->d_type == DT_REG; // known without a look at it
-            if (isFile ? remove(child.c_str()) != 0 && errno != ENOENT : FSRemove(child, false) != 0) {
+            if (entry->d_type != DT_REG) {
+                if (FSRemove(child, false) != 0) {
+                    return -3;
+                }
+            } else if (remove(child.c_str()) != 0 && errno != ENOENT) { // a regular file needs no lstat() before
                 return -3;
             }
         }

@@ -27,11 +27,11 @@ int FSReadDir(DIR_HANDLE &handle, DIR_ENTRY &entry)
     if (next == nullptr) {
         return 0;
     }
-    _FILE_INFO_tag info; // stays 0 when it is not asked for
+    _FILE_INFO_tag info; // time and size stay 0 without FS_DIR_WITH_INFO
     if ((handle.flags & FS_DIR_WITH_INFO) != 0) {
         const std::string path = handle.path + "/" + next->d_name;
         if (FSStat(path, info, false) < 0) {
-            // Not the function's name.
+            // The message names another function. Log readers search for it.
             LOGGER_ERROR(kFileOpComponent, "FSOpenDir: Failed to get info for '%s'\n", path.c_str());
             return -1;
         }

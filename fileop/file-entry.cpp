@@ -78,8 +78,8 @@ int FSReadSymbolicLink(const std::string &link, std::string &target)
 
 int FSChown(const std::string &path, unsigned int uid, unsigned int gid)
 {
-    // Descriptor 0 stands for no folder in particular: callers give absolute paths, and a relative one must
-    // not quietly mean the current folder.
+    // Callers give absolute paths. A relative one must not refer to the current folder, as with AT_FDCWD: with
+    // descriptor 0, which is usually not a folder, it fails.
     if (fchownat(0, path.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) != 0) {
         LOGGER_ERROR(kFileOpComponent, "FSChown: Failed to chown '%s' (code: %d, msg: %s)\n", path.c_str(), errno,
                      strerror(errno));

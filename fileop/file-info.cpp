@@ -1,4 +1,4 @@
-// What is known of a path, from the file system or from its text.
+// Information about a path, from the file system or from the text of the path.
 
 #include "fileop/file-op.h"
 
@@ -67,7 +67,7 @@ int GetFileInfo(const std::string &path, _FILE_INFO_tag &info)
             return -1;
         }
         _FILE_INFO_tag missing;
-        missing.path = path; // which may be the record's own
+        missing.path = path; // `path` may refer to info.path, so `info` is replaced last
         missing.name = FSBaseName(path);
         info = std::move(missing);
         return 0;
@@ -153,7 +153,7 @@ bool IsMSDOS(const std::string &path)
 {
     struct statfs status = {};
     if (statfs(path.c_str(), &status) != 0) {
-        // Not the function's name.
+        // The message names another function. Log readers search for it.
         LOGGER_ERROR(kFileOpComponent, "IsSupportLargeFile: Failed to get file system info '%s'. %s\n", path.c_str(),
                      strerror(errno));
         return false;

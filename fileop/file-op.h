@@ -9,7 +9,7 @@
 // Functions for files, folders and links. Paths are byte strings and are not normalised: as in the kernel, "link/" is
 // the folder that the link points to, also for FSRemove(). Unless a function says otherwise, it returns 0, or -1 for a
 // failed system call or an invalid argument; errno is then as the call left it. After a failure, what was done so far
-// stays done. Only FSCreateTempPath() keeps state and takes a lock.
+// is not undone. Only FSCreateTempPath() keeps state and takes a lock.
 
 // Information about a path, from GetFileInfo(). Two records are equal when existence, size, mtime, type, path and name
 // are equal; owner, mode and device are not compared.
@@ -124,7 +124,7 @@ struct DIR_HANDLE {
 struct DIR_ENTRY {
     std::string name;  // without the folder
     uint32_t type = 0; // 0 also when the file system does not report it: call GetFileInfo() then
-    int32_t mtime = 0; // both 0 without FS_DIR_WITH_INFO
+    int32_t mtime = 0; // mtime and size are 0 without FS_DIR_WITH_INFO
     uint64_t size = 0;
 
     void Clear() { *this = DIR_ENTRY(); }

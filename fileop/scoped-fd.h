@@ -5,8 +5,8 @@
 
 #include <unistd.h>
 
-// Owns a file descriptor and closes it on destruction. A negative one is what a failed open() returns: there is nothing
-// to close. Closing does not change errno, which may hold the error that the function is about to report.
+// Owns a file descriptor and closes it on destruction. A negative one, which a failed open() returns, is not closed.
+// The destructor and reset() do not change errno, which may hold the error that the function is about to report.
 class ScopedFd
 {
 public:

@@ -6,8 +6,8 @@
 #include <random>
 #include <string>
 
-// Makes up random names of eight letters, digits, "-" and "_". Any thread may ask. Throws only what the
-// standard library throws when there is no random device or no lock to be had.
+// Makes random names of eight characters: letters, digits, "-" and "_". May be called from any thread. Throws only what
+// the standard library throws when the random device cannot be opened or the mutex cannot be locked.
 class TmpNameGen
 {
 public:

@@ -1,5 +1,5 @@
-// The extractor: whatever an archive contains, nothing outside the target changes, unless a link in
-// the archive leads there.
+// Checks that the extractor changes nothing outside the target, for any content of an archive
+// without links.
 
 #include <cerrno>
 #include <csignal>
@@ -24,7 +24,7 @@
 
 namespace fs = std::filesystem;
 
-// Aborts, and so reports the input, if something that must hold does not.
+// Aborts if the condition is false. The fuzzer then reports the input.
 static void Require(bool holds)
 {
     if (!holds) {
@@ -32,7 +32,8 @@ static void Require(bool holds)
     }
 }
 
-// Creates a folder that any user may write to. No file may grow over 1 MiB, whatever an input says.
+// Creates a folder that any user may write to. Limits files to 1 MiB, because an input may ask for
+// larger ones.
 static fs::path CreateScratch()
 {
     std::string name = fs::temp_directory_path() / "brimlock-fuzz-XXXXXX";
@@ -46,8 +47,8 @@ static fs::path CreateScratch()
     return name;
 }
 
-// Extracts as an ordinary user whose root folder is the scratch folder, because links may lead
-// anywhere. Needs root or `unshare --map-root-user`, where no other user id exists.
+// Extracts as an ordinary user, and with the scratch folder as root folder, because links may lead
+// anywhere. Needs root or `unshare --map-root-user`, which has no other user id (EINVAL).
 static void Extract(const fs::path &scratch)
 {
     constexpr uid_t nobody = 65534;

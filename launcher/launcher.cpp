@@ -68,7 +68,7 @@ void Worker::HandleServicce()
             emit sigUpdateProgress(ProcessingProgressDialog::kWhole, ProcessingProgressDialog::kWhole);
             emit sigSetLabelText(StrTable::WithClientName(StrTable::CLIENT_READY));
         } else {
-            // Also when the upgrade was not tried: administrators count the persons who are left behind by this line.
+            // Also when the upgrade was not tried: administrators find the users with an old copy by this line.
             LOGGER_ERROR(kComponent, "Failed to upgrade package\n");
         }
     }
@@ -87,7 +87,7 @@ Launcher::Launcher(std::unique_ptr<Service> upgradeService)
 {
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
-    // Undo what the dialog's constructor sets: there is no other window that it could block.
+    // The dialog's constructor makes it modal. There is no other window that it could block.
     dialog->setModal(false);
     // Only LaunchDone() ends the program, even if the window is closed from outside.
     QGuiApplication::setQuitOnLastWindowClosed(false);

@@ -9,7 +9,7 @@
 #include "launcher/processing-progress-dialog.h"
 #include "service/cloud-service.h"
 
-// The worker thread: an event loop that calls the worker's slot.
+// The worker thread. Its event loop calls the worker's slot.
 class HandlerThread : public QThread
 {
     Q_OBJECT
@@ -63,8 +63,8 @@ public:
     explicit Launcher(std::unique_ptr<Service> upgradeService);
     ~Launcher() override;
 
-    // Run() starts the worker's thread. Start() then has HandleServicce() called: on that thread or, if it could not be
-    // created, by the event loop of the GUI thread.
+    // Run() starts the worker's thread. Start() then makes that thread call HandleServicce() or, if it could not be
+    // created, the GUI thread, from its event loop.
     void Run();
     void Start();
 

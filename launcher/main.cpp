@@ -87,8 +87,8 @@ void initialize_logger()
     }
 }
 
-// Sets HOME from the user's account when it is missing or empty: the user's files would be looked for under "/". The
-// client gets it too.
+// Sets HOME from the user's account when it is missing or empty. Otherwise the launcher would look for the user's files
+// under "/". The client inherits the variable.
 void initialize_home()
 {
     const passwd *account = qEnvironmentVariableIsEmpty("HOME") ? getpwuid(getuid()) : nullptr;
@@ -102,7 +102,7 @@ int main(int argc, char **argv)
 {
     thread_local RunKeeper keeper;
     initialize_home();
-    argc = qMin(argc, 1); // the launcher takes no arguments; keep them from Qt too, which has some of its own
+    argc = qMin(argc, 1); // the launcher takes no arguments, and Qt must not interpret any either
     QtSingleApplication app(argc, argv, keeper.MayUseDisplay());
     QGuiApplication::setDesktopFileName(QStringLiteral("brimlock-launcher")); // groups the window under its menu entry
     initialize_resources();
@@ -113,7 +113,7 @@ int main(int argc, char **argv)
     }
     if (app.isRunning()) {
         LOGGER_DEBUG(kComponent, "app has already launched, return\n");
-        RunKeeper::RunEnds(); // there is nothing to do: the RunKeeper must not start over for it
+        RunKeeper::RunEnds(); // nothing to do; otherwise the RunKeeper would start over
         return 0;
     }
     initializeLanguage(app);

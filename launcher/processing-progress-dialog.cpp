@@ -28,7 +28,7 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr, 
     setRange(0, kWhole);
     setLabelText(StrTable::WithClientName(StrTable::CLIENT_INITIALIZING));
     setFont(font);
-    // The dialog by itself is modal. Launcher has no other window and makes it non-modal.
+    // Modal by default. Launcher, which has no other window, changes that.
     setModal(true);
     setWindowModality(Qt::WindowModal);
     setFixedWidth(static_cast<int>(DPIinfo::getInstance()->getDPI() * kWidthAtScaleOne));

@@ -12,16 +12,17 @@
 
 namespace
 {
-// The name of an environment variable. Its value is the id of the process that starts over, so that a value which was
-// inherited from another process means nothing, and then the numbers of the signals that the caller ignores. The next
-// program cannot find these out by itself, because this one has changed them.
+// The name of an environment variable. Its value begins with the id of the process that starts over: a value with
+// another id was inherited from another process and is ignored. The numbers of the signals that the caller ignores
+// follow. The program after execve() cannot find these out by itself, because this one has changed them.
 constexpr char kMark[] = "BRIMLOCK_LAUNCHER_STARTED_OVER";
 constexpr unsigned int kDisplaySeconds = 10;
 constexpr unsigned int kEndSeconds = 3;
 constexpr useconds_t kPollMicroseconds = 10000;
 constexpr char kCouldNotStart[] = "launcher: could not be started, with the display or without\n";
 
-// The end of a session, a failing write to a pipe and the limit on the size of files must not end an upgrade half-way.
+// None of these may end an upgrade half-way: the end of a session, a write to a pipe that nobody reads, a file that
+// reaches the size limit.
 constexpr int kIgnored[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGXFSZ};
 constexpr int kCrashes[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
 
@@ -47,14 +48,17 @@ sigset_t callerBlocked;
     _exit(0);
 }
 
-// The calling thread cannot continue: wait until the run is over, or start over if no other thread can make it.
+// To be called when the calling thread cannot continue. Starts over if the run has not begun, or if the calling thread
+// itself makes it. Otherwise waits for the end of the run, and then ends the process.
 [[noreturn]] void ExitAfterRun()
 {
-    State expected = kBeforeRun;
-    if (state.compare_exchange_strong(expected, kStartingOver) || (expected == kRunning && runThread == gettid())) {
+    State found = kBeforeRun;
+    const bool hasNotBegun = state.compare_exchange_strong(found, kStartingOver);
+    const bool isRunThread = found == kRunning && runThread == gettid();
+    if (hasNotBegun || isRunThread) {
         StartOver();
     }
-    while (state != kOver) {
+    while (state != kOver) { // if another thread starts over, its execve() ends this one
         usleep(kPollMicroseconds);
     }
     _exit(0);
@@ -63,13 +67,13 @@ sigset_t callerBlocked;
 void HandleCrash(int number)
 {
     if (state == kRunning && runThread == gettid()) {
-        signal(number, SIG_DFL); // the run itself has crashed: let the signal end the process
+        signal(number, SIG_DFL); // the run itself has crashed: the signal comes again and ends the process
         return;
     }
     ExitAfterRun();
 }
 
-// The time limit of the display or, after the run, of the end of the process.
+// The time until the run must begin, or until the process must end after the run, is over.
 void HandleAlarm(int)
 {
     if (state != kRunning) {
@@ -77,7 +81,7 @@ void HandleAlarm(int)
     }
 }
 
-void Handle(int number, void (*handler)(int))
+void SetHandler(int number, void (*handler)(int))
 {
     struct sigaction action = {};
     action.sa_handler = handler;
@@ -85,7 +89,7 @@ void Handle(int number, void (*handler)(int))
     sigaction(number, &action, nullptr);
 }
 
-std::string Mark(const sigset_t &callerIgnored)
+std::string MakeMark(const sigset_t &callerIgnored)
 {
     std::string mark = std::string(kMark) + "=" + std::to_string(getpid());
     for (int number = 1; number < NSIG; ++number) {
@@ -96,9 +100,9 @@ std::string Mark(const sigset_t &callerIgnored)
     return mark;
 }
 
-// Removes the mark from the environment. Returns whether this process has started over; `callerIgnored` is then what
-// the mark says.
-bool TakeMark(sigset_t &callerIgnored)
+// Removes the mark from the environment. If this process has started over, returns true and sets `callerIgnored` to the
+// signals that the mark names.
+bool ReadAndRemoveMark(sigset_t &callerIgnored)
 {
     const char *value = getenv(kMark);
     std::istringstream words(value != nullptr ? value : "");
@@ -114,13 +118,14 @@ bool TakeMark(sigset_t &callerIgnored)
     return true;
 }
 
-// Where the caller has closed a standard stream, opens /dev/null in its place: otherwise the next file that is opened
-// would become that stream and get messages written into it. The client again finds the stream closed.
-void OccupyStandardStreams()
+// Opens /dev/null for each standard stream that the caller has closed. Otherwise the next file that is opened would get
+// the number of that stream, and messages would be written into it. Because of O_CLOEXEC, the client finds the stream
+// closed again.
+void OpenClosedStandardStreams()
 {
     int fd = STDIN_FILENO;
     while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC); // the lowest free number
     }
     close(fd);
 }
@@ -129,22 +134,22 @@ void OccupyStandardStreams()
 RunKeeper::RunKeeper()
 {
     SignalSettings caller = CurrentSignalSettings();
-    mayUseDisplay = !TakeMark(caller.ignored);
+    mayUseDisplay = !ReadAndRemoveMark(caller.ignored);
     RememberCallerSignals(caller);
     callerBlocked = caller.blocked;
 
     for (const int number : kIgnored) {
-        Handle(number, SIG_IGN);
+        SetHandler(number, SIG_IGN);
     }
-    OccupyStandardStreams();
+    OpenClosedStandardStreams();
     sigset_t handled;
     sigemptyset(&handled);
     sigaddset(&handled, SIGALRM);
-    Handle(SIGALRM, SIG_IGN); // discards one that was sent before and is blocked
-    Handle(SIGALRM, HandleAlarm);
+    SetHandler(SIGALRM, SIG_IGN); // discards a pending one, which the caller may have blocked
+    SetHandler(SIGALRM, HandleAlarm);
     state = kBeforeRun;
     if (mayUseDisplay) {
-        mark = Mark(caller.ignored);
+        mark = MakeMark(caller.ignored);
         for (char **variable = environ; *variable != nullptr; ++variable) {
             environment.push_back(*variable);
         }
@@ -152,7 +157,7 @@ RunKeeper::RunKeeper()
         environment.push_back(nullptr);
         startOverEnvironment = environment.data();
         for (const int number : kCrashes) {
-            Handle(number, HandleCrash);
+            SetHandler(number, HandleCrash);
             sigaddset(&handled, number);
         }
         alarm(kDisplaySeconds);

@@ -11,17 +11,19 @@
 // How: until the run begins, such a failure makes the process start over, by execve() of its own program, without a
 // display. Once the run has begun, the thread that fails waits until the run is over and then ends the process.
 //
-// There is one, a thread_local object at the beginning of main: exit() destroys the calling thread's objects before any
-// static one, and the run still uses the static ones.
+// main() creates the only one, as a thread_local object: exit() destroys the calling thread's objects before any static
+// one, and the run still uses the static ones.
 class RunKeeper
 {
 public:
-    // Makes the process ignore the signals that would end it (see docs/behaviour.md) and unblocks and handles crashes.
-    // Remembers the caller's signal settings for the start script. Gives the display kDisplaySeconds until the run must
-    // have begun.
+    // Makes the process ignore the signals that would end it (see docs/behaviour.md). Remembers the caller's signal
+    // settings for the start script. Unless the process has started over, also unblocks and handles the signals of a
+    // crash, such as SIGSEGV, and starts a timer: if the run has not begun after kDisplaySeconds, the process starts
+    // over.
     RunKeeper();
 
-    // Ends the process with status 0. Before that it waits for a run that has begun; if none has, it starts over.
+    // Does not return. If the run has begun, waits for its end and ends the process with status 0. If it has not begun,
+    // starts over.
     ~RunKeeper();
 
     RunKeeper(const RunKeeper &) = delete;
@@ -30,7 +32,7 @@ public:
     // False in a process that has started over.
     bool MayUseDisplay() const { return mayUseDisplay; }
 
-    // The thread that makes the run calls these at its beginning and at its end. After RunEnds() the process ends
+    // The thread that makes the run calls these two at its beginning and at its end. After RunEnds() the process ends
     // within kEndSeconds, even if the display blocks the GUI thread. In a process without a RunKeeper they do nothing.
     static void RunBegins();
     static void RunEnds();
@@ -38,8 +40,8 @@ public:
 
 private:
     bool mayUseDisplay;
-    std::string mark;                // the variable that tells the next program that the process has started over
-    std::vector<char *> environment; // for the next program: as it was at the start, and the mark
+    std::string mark;                // NAME=value: tells the program after execve() that the process has started over
+    std::vector<char *> environment; // for the program after execve(): the caller's variables, and the mark
 };
 
 #endif

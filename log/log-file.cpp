@@ -72,8 +72,8 @@ int Logger::Rotate()
     for (int64_t i = count - 2; i >= 0; --i) {
         rename(NameOf(log_path, i).data(), NameOf(log_path, i + 1).data());
     }
-    // The loop has just renamed a file to this number. It is removed on purpose: so the highest number is never used,
-    // and docs/behaviour.md promises administrators that many files and no more.
+    // Remove the file that the loop has just renamed to the highest number. The number must stay unused:
+    // docs/behaviour.md promises administrators one file less than `rotate_count`.
     remove(NameOf(log_path, count - 1).data());
 
     if (log_fp != nullptr) {

@@ -29,7 +29,7 @@ int Logger::Initialize(Type type, const std::string &path, const std::string &co
 int Logger::Initialize(const InitConfig &wanted)
 {
     Destroy();
-    // If anything below fails, the next Destroy() must not close the old stream, which may be stdout.
+    // If a step below fails, the next Destroy() must not close the old stream, which may be stdout.
     log_fp = nullptr;
     config = wanted;
     log_path = wanted.path;
@@ -100,8 +100,8 @@ void Logger::Destroy()
         if (log_fp != nullptr) {
             fclose(log_fp);
         }
-        // PrintToFilePointer() also works after Destroy(), and writes to this stream. The type says another stream, and
-        // both this type and the count below are as they have always been; the next Initialize() sets them.
+        // PrintToFilePointer() also works after Destroy(), and then writes to stdout, although the type is TYPE_STDERR.
+        // Both values, and the count below, have always been set here. The next Initialize() replaces them.
         config.type = TYPE_STDERR;
         log_fp = stdout;
         log_path.clear();

@@ -29,8 +29,8 @@ const char *TimeStamp()
 {
     thread_local char stamp[kStampBytes] = "";
     thread_local time_t stampSecond = -1;
-    thread_local char stampZone[kZoneBytes] =
-        ""; // a longer TZ is cut, so it never compares equal and the stamp is always formatted
+    // A longer TZ is cut. It then never compares equal, and the stamp is formatted for each message.
+    thread_local char stampZone[kZoneBytes] = "";
 
     const time_t now = time(nullptr);
     const char *zone = getenv("TZ");
@@ -49,8 +49,8 @@ const char *TimeStamp()
 }
 } // namespace
 
-// The logger starts as initialised, with a type that writes time stamps, and standard error: so messages before
-// Initialize() are visible.
+// The logger is ready before Initialize() and writes to standard error with time stamps, so that early failures are
+// visible.
 bool Logger::log_initialized = true;
 FILE *Logger::log_fp = nullptr;
 bool Logger::levels_unreadable = false;
@@ -64,8 +64,8 @@ uint64_t Logger::log_rotated_count_private = 0;
 [[gnu::init_priority(101)]] std::string Logger::log_path;
 [[gnu::init_priority(101)]] std::unordered_map<std::string, int> Logger::log_level;
 
-// Constructed after the three objects above, so destroyed before them: stops the logger, and moves the contents, which
-// another thread may still be reading, to objects that are never destroyed.
+// Constructed after the three objects above and therefore destroyed before them. The destructor stops the logger.
+// Another thread may still be reading the levels and the path, so they are moved to objects that are never destroyed.
 struct Logger::Lifetime {
     Lifetime() { log_fp = stderr; }
     ~Lifetime()

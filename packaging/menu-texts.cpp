@@ -1,5 +1,5 @@
 // menu-texts: prints the lines "Name" and "Comment" of the menu entry, in English and in each language of the bundle.
-// Fails, and says why on standard error, if a translation names no locale or lacks one of the two texts.
+// Fails, with a message on standard error, if a translation names no locale or does not have one of the two texts.
 #include <QCoreApplication>
 #include <QDir>
 #include <QTextStream>
@@ -11,8 +11,8 @@ namespace
 {
 constexpr char kComment[] = QT_TRANSLATE_NOOP("desktop", "Keep files in sync between this computer and a server");
 
-// What follows the key of a line: nothing for English, which is the entry's default. The country is named only where it
-// tells two of our languages apart; elsewhere one text is for all countries of a language.
+// The suffix of a key: "[LOCALE]", or nothing for English, which is the entry's default. The country is named only if
+// the bundle has two variants of the language; otherwise the text is for all countries of the language.
 QString KeySuffix(const QString &locale)
 {
     const QString language = locale.section(QLatin1Char('_'), 0, 0);

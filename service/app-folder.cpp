@@ -24,8 +24,8 @@ constexpr char kRecovered[] = "an upgrade that was cut short has been put right\
 
 enum Presence { PRESENT, MISSING, UNKNOWN };
 
-// Unlike IsFileExist(), tells a missing entry from one that cannot be looked at.
-Presence Look(const std::string &path)
+// Unlike IsFileExist(), distinguishes a missing entry from one whose status cannot be read. With UNKNOWN, errno is set.
+Presence PresenceOf(const std::string &path)
 {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         struct stat status = {};
@@ -39,11 +39,11 @@ Presence Look(const std::string &path)
     return UNKNOWN;
 }
 
-// Whether the folder has what every complete client has. MISSING when a part is missing.
-Presence LookForClient(const std::string &folder)
+// Whether the folder contains the parts that every complete client has. MISSING if one of them is missing.
+Presence PresenceOfClient(const std::string &folder)
 {
     for (const char *part : {"/INFO", "/bin/brimlock-ui", "/package/start-stop"}) {
-        const Presence presence = Look(folder + part);
+        const Presence presence = PresenceOf(folder + part);
         if (presence == UNKNOWN && (errno == EACCES || errno == ELOOP)) {
             return MISSING; // this user could not start it
         }
@@ -81,12 +81,12 @@ std::string AppFolder::DiscardName(int n) const
     return path + "_discarded" + (n == 0 ? "" : std::to_string(n));
 }
 
-// Removes the folder. One that cannot be removed is renamed to a name that is never taken for a client's. Returns false
-// when the folder still has its own name.
+// Removes the folder. If that fails, renames it to a name that no start ever uses as a client. Returns false when the
+// folder still has its own name.
 bool AppFolder::Discard(const std::string &folder) const
 {
     FSRemove(folder, false);
-    if (Look(folder) == MISSING) { // FSRemove() returns 0 for a folder that it cannot list
+    if (PresenceOf(folder) == MISSING) { // FSRemove() returns 0 for a folder that it cannot list
         return true;
     }
     for (int n = 0; n < kDiscardNames; ++n) {
@@ -105,14 +105,14 @@ void AppFolder::RemoveBackups(int last) const
     }
 }
 
-// Removes what is in the app folder, and renames the backup to it. Returns false when the backup keeps its name.
-bool AppFolder::GiveNameBack(int n) const
+// Removes the app folder, and renames backup `n` to it. Returns false when the backup keeps its name.
+bool AppFolder::RestoreBackup(int n) const
 {
-    if (Look(path) != MISSING) {
+    if (PresenceOf(path) != MISSING) {
         Discard(path);
     }
-    if (Look(path) == PRESENT) {
-        return false; // where folders are moved by copying, the backup would be mixed into it
+    if (PresenceOf(path) == PRESENT) {
+        return false; // a rename that copies (on overlay file systems) would mix the backup with what is left
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (FSRename(GetAppBackupDir(path, n), path, false) == 0) {
@@ -122,8 +122,8 @@ bool AppFolder::GiveNameBack(int n) const
     return false;
 }
 
-// Writes the next step of the upgrade to the journal. Returns false, with one ERROR line, when the step must not be
-// done. Where the folder may not be written, the upgrade goes on without a journal.
+// Writes the next step of the upgrade to the journal. Returns false, with one ERROR line, if the step must not be done.
+// If the first record shows that the folder is not writable, the upgrade continues without a journal.
 bool AppFolder::WriteRecord(UpgradeJournal::State state)
 {
     record.state = state;
@@ -148,12 +148,13 @@ bool AppFolder::WriteRecord(UpgradeJournal::State state)
 AppFolder::Condition AppFolder::EndRolledBack()
 {
     if (record.is_trusted) {
-        before.reset();
+        idleRecord.reset();
         journal.Remove();
         return INTACT;
     }
-    before = UpgradeJournal::Record{UpgradeJournal::DUE, UpgradeJournal::kNoBackup, false};
-    journal.Write(*before); // on failure the record of the upgrade stays, which also says that one is due
+    idleRecord = UpgradeJournal::Record{UpgradeJournal::DUE, UpgradeJournal::kNoBackup, false};
+    // If this fails, the record of the upgrade stays. It, too, makes the next start upgrade.
+    journal.Write(*idleRecord);
     return UPGRADE_DUE;
 }
 
@@ -163,12 +164,12 @@ AppFolder::Condition AppFolder::NotRecovered(const char *reason) const
     return NOT_RECOVERED;
 }
 
-// Whether the app folder has all parts of a client and the backup, which was incomplete when it was moved aside, has
-// not. A person may have put a copy there.
+// Whether the app folder should be kept although a backup exists: the app folder has all parts of a client, and the
+// backup, which may have been incomplete when it was moved aside, lacks one. A person may have put a copy there.
 bool AppFolder::IsBetterThanBackup() const
 {
-    return !record.is_trusted && LookForClient(path) == PRESENT &&
-           LookForClient(GetAppBackupDir(path, record.backup)) == MISSING;
+    return !record.is_trusted && PresenceOfClient(path) == PRESENT &&
+           PresenceOfClient(GetAppBackupDir(path, record.backup)) == MISSING;
 }
 
 // Renames the complete backup with the highest build to the missing app folder. A person may have removed a damaged
@@ -179,7 +180,7 @@ AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult fou
     int bestBuild = 0;
     for (int n = 0; n < UpgradeJournal::kBackupNames; ++n) {
         const std::string backup = GetAppBackupDir(path, n);
-        const Presence client = LookForClient(backup);
+        const Presence client = PresenceOfClient(backup);
         if (client == UNKNOWN) {
             return NotRecovered("a backup cannot be looked at");
         }
@@ -191,15 +192,18 @@ AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult fou
             }
         }
     }
+    if (best == UpgradeJournal::kNoBackup && found == UpgradeJournal::NONE) {
+        return INTACT; // there is no client yet
+    }
     const Condition result = found == UpgradeJournal::UNREADABLE ? NOT_RECOVERED : UPGRADE_DUE;
     if (best == UpgradeJournal::kNoBackup) {
-        return found == UpgradeJournal::NONE ? INTACT : result;
+        return result;
     }
     if (result == UPGRADE_DUE) {
         record.is_trusted = false;
         EndRolledBack();
     }
-    if (!GiveNameBack(best)) {
+    if (!RestoreBackup(best)) {
         return NotRecovered("a backup cannot be renamed to it");
     }
     LOGGER_NOTE(kComponent, "'%s' was missing, '%s' is used until the next upgrade\n", path.c_str(),
@@ -212,29 +216,29 @@ AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopC
     for (int n = 0; n < kDiscardNames; ++n) {
         FSRemove(DiscardName(n), false);
     }
-    before.reset();
-    const Presence app = Look(path);
+    idleRecord.reset();
+    const Presence app = PresenceOf(path);
     if (app == UNKNOWN) {
         return NotRecovered("it cannot be looked at");
     }
     const UpgradeJournal::ReadResult found = journal.Read(record);
     if (found == UpgradeJournal::READ) {
-        before = record;
+        idleRecord = record;
     }
     const bool mayHaveMoved =
-        before && (record.state == UpgradeJournal::MOVING || record.state == UpgradeJournal::COPYING);
+        idleRecord && (record.state == UpgradeJournal::MOVING || record.state == UpgradeJournal::COPYING);
     if (mayHaveMoved && record.backup != UpgradeJournal::kNoBackup) {
-        const Presence backup = Look(GetAppBackupDir(path, record.backup));
+        const Presence backup = PresenceOf(GetAppBackupDir(path, record.backup));
         if (backup == UNKNOWN) {
             return NotRecovered("the backup cannot be looked at");
         }
-        // While MOVING the backup name may have been taken by another folder, so that nothing was moved.
+        // In state MOVING the name of the backup may belong to another folder; then nothing was moved.
         const bool wasMoved = backup == PRESENT && (app == MISSING || record.state == UpgradeJournal::COPYING);
         if (wasMoved && !IsBetterThanBackup()) {
             if (app == PRESENT) {
                 stopClient();
             }
-            if (!GiveNameBack(record.backup)) {
+            if (!RestoreBackup(record.backup)) {
                 return NotRecovered("the backup cannot be renamed to it");
             }
             LOGGER_NOTE(kComponent, "%s", kRecovered);
@@ -254,7 +258,7 @@ AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopC
     case UpgradeJournal::INSTALLED:
         RemoveBackups(record.backup);
         LOGGER_NOTE(kComponent, "the backups of an upgrade have been removed\n");
-        before.reset();
+        idleRecord.reset();
         journal.Remove();
         return INTACT;
     default:
@@ -277,7 +281,7 @@ int AppFolder::Begin(const std::function<void()> &stopClient)
         return -1;
     }
     QDir().mkpath(QString::fromStdString(parent));
-    const Presence app = Look(path);
+    const Presence app = PresenceOf(path);
     hasOldCopy = app == PRESENT;
     hasJournal = !path.empty();
     isFirstRecord = true;
@@ -294,8 +298,9 @@ void AppFolder::Cancel()
     if (!hasJournal) {
         return;
     }
-    if (before) {
-        journal.Write(*before); // on failure the record MOVING stays, which means the same
+    if (idleRecord) {
+        // If this fails, the record MOVING stays. The next start then finds that nothing was moved.
+        journal.Write(*idleRecord);
     } else {
         journal.Remove();
     }
@@ -310,8 +315,12 @@ AppFolder::MoveResult AppFolder::MoveAside(int n)
     }
     const std::string backup = GetAppBackupDir(path, n);
     const bool isRenamed = FSRename(path, backup, false) == 0;
-    // NFS may report a failure of a rename that the server has done.
-    return isRenamed || (Look(path) == MISSING && Look(backup) == PRESENT) ? MOVED : NOT_MOVED;
+    if (isRenamed) {
+        return MOVED;
+    }
+    // NFS may report a failure although the server has done the rename.
+    const bool isMoved = PresenceOf(path) == MISSING && PresenceOf(backup) == PRESENT;
+    return isMoved ? MOVED : NOT_MOVED;
 }
 
 int AppFolder::RollBack()
@@ -320,7 +329,7 @@ int AppFolder::RollBack()
     if (!hasOldCopy) {
         return 0;
     }
-    if (!GiveNameBack(record.backup)) {
+    if (!RestoreBackup(record.backup)) {
         LOGGER_ERROR(kComponent, "Failed to rollback, the old installation is in '%s'\n",
                      GetAppBackupDir(path, record.backup).c_str());
         return -1;
@@ -349,7 +358,7 @@ int AppFolder::BeginCopy()
 int AppFolder::Flush()
 {
     if (!parentFd->valid() || syncfs(parentFd->get()) == 0) {
-        return 0; // without the folder beside it, nothing can have been copied
+        return 0; // not valid: the user's folder is missing or unusable, so nothing was copied
     }
     LOGGER_ERROR(kComponent, "failed to flush '%s': %s (%d)\n", path.c_str(), strerror(errno), errno);
     return -1;
@@ -360,7 +369,7 @@ void AppFolder::Commit()
     parentFd.reset();
     record = {UpgradeJournal::INSTALLED, std::max(record.backup, 0), true};
     if (hasJournal && journal.Write(record) != UpgradeJournal::WRITTEN && journal.Remove() != 0) {
-        // The next start takes the new copy for an incomplete one, and needs the backup.
+        // The journal still says COPYING: the next start renames the backup back.
         LOGGER_ERROR(kComponent, "cannot update '%s', keeping the backups: %s (%d)\n", journal.Path().c_str(),
                      strerror(errno), errno);
         return;

@@ -32,7 +32,7 @@ public:
     enum Condition {
         INTACT,        // no upgrade was interrupted, or it has been finished or undone
         UPGRADE_DUE,   // the app folder may hold an incomplete copy, or holds an old backup: it must be replaced
-        NOT_RECOVERED, // the recovery failed: nobody may touch the app folder until a later start succeeds
+        NOT_RECOVERED, // the recovery failed: the app folder must not be changed until a later start recovers it
     };
 
     // Finishes or undoes an upgrade that was interrupted. When the app folder is missing, renames the backup with the
@@ -40,10 +40,10 @@ public:
     // there was something to do, and one ERROR with NOT_RECOVERED.
     Condition Recover(const std::function<void()> &stopClient);
 
-    // Whether Recover() has found that an upgrade must be made whatever the versions say.
+    // Whether Recover() has found that an upgrade is needed even if the versions are equal.
     bool IsUpgradeDue() const { return condition && *condition != INTACT; }
 
-    // Begins an upgrade. Calls Recover() first, unless that was done since the last upgrade. Tries to create the user's
+    // Begins an upgrade. Calls Recover() first, unless it was called since the last upgrade. Tries to create the user's
     // folder. Returns 0, or -1 with one ERROR line when the app folder must not be touched.
     int Begin(const std::function<void()> &stopClient);
 
@@ -59,8 +59,8 @@ public:
     // Ends an upgrade whose MoveAside() has failed for all names: restores the journal to what it was before.
     void Cancel();
 
-    // To be called before the first byte of the new copy is written. Returns 0, or -1 with one ERROR line when that is
-    // not possible; the old copy then has its name back.
+    // To be called before the first byte of the new copy is written. Returns 0, or -1 with one ERROR line when the copy
+    // must not be made; the old copy is then the app folder again, as after RollBack().
     int BeginCopy();
 
     // Removes what has been copied so far, for another try. Returns false when it is still there.
@@ -84,7 +84,7 @@ private:
     Condition NotRecovered(const char *reason) const;
     Condition EndRolledBack();
     bool WriteRecord(UpgradeJournal::State state);
-    bool GiveNameBack(int n) const;
+    bool RestoreBackup(int n) const;
     bool Discard(const std::string &folder) const;
     std::string DiscardName(int n) const;
     void RemoveBackups(int last) const;
@@ -93,8 +93,8 @@ private:
     const std::string parent;
     const UpgradeJournal journal;
     UserFolderLock lock;
-    std::optional<Condition> condition;           // the result of Recover(); empty after Begin()
-    std::optional<UpgradeJournal::Record> before; // what the journal says outside an upgrade
+    std::optional<Condition> condition;               // the result of Recover(); empty after Begin()
+    std::optional<UpgradeJournal::Record> idleRecord; // in the journal while no upgrade is made; empty: no journal
 
     // Of the current upgrade:
     bool hasOldCopy = false;

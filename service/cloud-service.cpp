@@ -25,7 +25,7 @@ std::string Environment(const char *name, const char *whenUnset)
     return qEnvironmentVariableIsSet(name) ? qgetenv(name).toStdString() : whenUnset;
 }
 
-// Sets the fields of `version` that the file has. `name` is what the log calls it.
+// Sets the fields of `version` that the file has. `name` is its name in the log.
 void LoadVersion(const char *name, const std::string &path, Service::VersionInfo &version)
 {
     const std::pair<const char *, std::string Service::VersionInfo::*> fields[] = {
@@ -56,7 +56,7 @@ private:
     DIR_HANDLE &handle;
 };
 
-// Some file systems do not tell the type of an entry when the folder is read.
+// Some file systems do not report the type of an entry when the folder is read.
 bool IsFolder(const DIR_ENTRY &entry, const std::string &path)
 {
     if (entry.type != FS_TYPE_NONE) {
@@ -132,7 +132,7 @@ void Service::LoadSourceVersion()
 
 void Service::LoadTargetVersion()
 {
-    // A missing file is not reported by itself: it counts as build 0, and the log shows four empty values.
+    // A missing file gets no message of its own: it counts as build 0, and the log shows four empty values.
     LoadVersion("target_version", RegisteredPath(path_key::kRootResource, kVersionFile), target_version);
 }
 
@@ -153,7 +153,7 @@ int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnap
     }
     if (info.type != FS_TYPE_DIR) {
         FSCopy(src, dst, false, false);
-        return 0; // also when the copy failed: an install from a single file is never rolled back
+        return 0; // even if the copy failed: an installation from a single file is never rolled back
     }
     if (FSMKDir(dst, true) < 0) {
         LOGGER_ERROR(kComponent, "FSCopyPath: failed to create dest folder '%s'\n", dst.c_str());
@@ -165,7 +165,7 @@ int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnap
     if (FSOpenDir(src, 0, handle) < 0) {
         // Log readers search for this text with its two blanks.
         LOGGER_WARNING(kComponent, "FSCopyPath: failed to create handle  for src '%s' failed\n", src.c_str());
-        return 0; // the folder stays empty and the rest is installed: packages with private folders rely on it
+        return 0; // the folder stays empty and the rest is installed: packages with unlistable folders rely on that
     }
 
     DIR_ENTRY entry;
@@ -199,7 +199,7 @@ int Service::CopyPackage()
     const std::string dst = RegisteredPath(path_key::kUserBrimlockApp);
     LOGGER_INFO(kComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
 
-    // These change too when the whole package is replaced during the copy.
+    // The ctimes of these change when the whole package is replaced during the copy.
     SourceSnapshot snapshot;
     snapshot.Add(FSParentPath(FSParentPath(src)));
     snapshot.Add(FSParentPath(src));
@@ -307,7 +307,7 @@ void Service::MigrateService()
     if (IsFileExist(oldData, true) && FSRename(oldData, current + "/data", true) < 0) {
         LOGGER_ERROR(kComponent, "Failed to move data to Brimlock folder\n");
     }
-    // Also when the data could not be moved, which is then lost: the predecessor must not stay.
+    // Even if the data could not be moved, which is then lost: the predecessor's folder must not stay.
     if (IsFileExist(old, true) && FSRemove(old, false) < 0) {
         LOGGER_ERROR(kComponent, "Failed to remove old .Larkspire folder\n");
     }

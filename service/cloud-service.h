@@ -38,7 +38,7 @@ public:
     // Replaces the user's copy. Returns what PrepareUserEnv() returns.
     virtual int HandlePackageUpgrade() = 0;
 
-    // Starts the client, from the new copy or, after a failure, from what is in place.
+    // Starts the client from the app folder, whatever that holds after a failed upgrade.
     virtual int PostUpgrade() = 0;
 
     // Loads and logs both versions. Returns 0.
@@ -53,20 +53,20 @@ public:
     // what was written so far stays.
     virtual int ExtractPackage();
 
-    // kPackageChanged, with one ERROR line: the package was replaced while it was copied, so the copy mixes two of
-    // them.
+    // Also returns kPackageChanged, with one ERROR line: the package changed while it was copied, so the copy mixes two
+    // versions.
     virtual int CopyPackage();
-    static constexpr int kPackageChanged = -200; // a number that no other failure has
+    static constexpr int kPackageChanged = -200; // no other failure returns this number
 
     // Set source_version from the user's copy and target_version from the shipped one. Fields that the file does not
     // have keep their value.
     virtual void LoadSourceVersion();
     virtual void LoadTargetVersion();
 
-    // Moves the app folder aside to a free backup name and fills it anew through CopyPackage(), up to three times when
-    // the package changes meanwhile. 0: the new copy is in place and on disk, and the backups are removed. -1: nothing
-    // has changed, or the old copy is back in place; without an old copy, what was written of the new one stays.
-    // Recovers from an earlier upgrade first, unless OpenUserFolder() has done it.
+    // Renames the app folder to a free backup name and fills a new one through CopyPackage(), up to three times when
+    // the package changes meanwhile. Returns 0 when the new copy is complete and on disk; the backups are then removed.
+    // Returns -1 when nothing has changed or the old copy has been renamed back; without an old copy, what was written
+    // of the new one stays. Recovers from an earlier upgrade first, unless OpenUserFolder() has done it.
     virtual int PrepareUserEnv();
 
     // Moves the predecessor's data into the user's folder. Then removes the predecessor's folder, also when the data
@@ -75,8 +75,8 @@ public:
 
     // To be called before the versions are loaded. Locks the user's folder, waiting up to 60 s for another launcher,
     // and finishes or undoes an upgrade that was interrupted. Stops the client before an incomplete copy is removed.
-    // Returns false when the app folder must not be replaced in this run: the other launcher still holds the lock, or
-    // the recovery failed. Logs why. A folder that supports no locks is used without.
+    // Returns false when this start must not replace the app folder: the other launcher still holds the lock, or the
+    // recovery failed. Logs why. A folder that supports no locks is used without one.
     bool OpenUserFolder();
 
     // Releases the lock. May be called more than once.
@@ -98,8 +98,8 @@ protected:
     // The path of the key followed by `rest`; empty when UIPathManager does not know the key.
     static std::string RegisteredPath(const char *key, const char *rest = "");
 
-    // Whether an upgrade is needed whatever the versions say, because the app folder may hold an incomplete copy or the
-    // recovery failed.
+    // Whether an upgrade is needed even if the versions are equal, because the app folder may hold an incomplete copy
+    // or the recovery failed.
     bool IsUpgradeDue();
 
     int32_t timeout = 0; // milliseconds; not used by any wait so far
@@ -108,7 +108,7 @@ protected:
     VersionInfo source_version;
 
 private:
-    // Made at the first call, when a subclass has set app_path.
+    // Created at the first call, because a subclass sets app_path in its constructor.
     AppFolder &UserAppFolder();
 
     bool MoveAside(AppFolder &folder);

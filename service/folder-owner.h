@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// When root has created the open file in a user's folder, gives it to the owner of the folder, who must be able to use
-// it later. Does nothing for everybody else. Returns whether the file has the owner that it must have.
+// If this process runs as root, gives the open file, which it has created in a user's folder, to the owner of the
+// folder, who must be able to use it later. Otherwise does nothing. Returns false when the owner could not be changed.
 inline bool GiveToFolderOwner(int fd, const std::string &folder)
 {
     struct stat status = {};

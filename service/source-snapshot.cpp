@@ -12,11 +12,11 @@ int NeighbourStat::operator()(const std::string &path, bool followLink, struct s
     return fstatat(folderFd->get(), path.c_str() + slash + 1, &status, followLink ? 0 : AT_SYMLINK_NOFOLLOW);
 }
 
-// Sets what is known of the entry. Returns its type and permissions, 0 when it cannot be looked at.
-mode_t SourceSnapshot::Look(NeighbourStat &look, Entry &entry)
+// Sets size and ctime of the entry. Returns its type and permissions, or 0 when its status cannot be read.
+mode_t SourceSnapshot::ReadStatus(NeighbourStat &statusOf, Entry &entry)
 {
     struct stat status = {};
-    if (look(entry.path, entry.is_followed, status) != 0) {
+    if (statusOf(entry.path, entry.is_followed, status) != 0) {
         return 0;
     }
     entry.size = status.st_size;
@@ -30,7 +30,7 @@ void SourceSnapshot::Add(const std::string &path)
         Entry &entry = entries.emplace_back();
         entry.path = path;
         entry.is_followed = isFollowed;
-        if (!S_ISLNK(Look(lookToAdd, entry))) {
+        if (!S_ISLNK(ReadStatus(statusToAdd, entry))) {
             return;
         }
     }
@@ -38,12 +38,12 @@ void SourceSnapshot::Add(const std::string &path)
 
 bool SourceSnapshot::HasChanged() const
 {
-    NeighbourStat look;
+    NeighbourStat statusOf;
     for (const Entry &entry : entries) {
         Entry now;
         now.path = entry.path;
         now.is_followed = entry.is_followed;
-        Look(look, now);
+        ReadStatus(statusOf, now);
         if (now.size != entry.size || now.changed.tv_sec != entry.changed.tv_sec ||
             now.changed.tv_nsec != entry.changed.tv_nsec) {
             return true;

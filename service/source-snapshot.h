@@ -9,8 +9,8 @@
 
 #include "fileop/scoped-fd.h"
 
-// stat(2) and lstat(2) for many entries. The folder of the last entry stays open, so that the kernel need not look up
-// the whole path of its neighbours.
+// stat(2) and lstat(2) for many entries. Keeps the folder of the last entry open, so that the kernel need not look up
+// the whole path of the next entry in the same folder.
 class NeighbourStat
 {
 public:
@@ -29,23 +29,23 @@ class SourceSnapshot
 {
 public:
     // To be called before the entry is read. For a symbolic link the file that it points to is added too. An entry that
-    // is missing or cannot be looked at is added as such. `path` is absolute.
+    // is missing, or whose status cannot be read, is added as such. `path` is absolute.
     void Add(const std::string &path);
 
-    // Looks at all entries once more.
+    // Reads the status of all entries again and compares.
     bool HasChanged() const;
 
 private:
     struct Entry {
         std::string path;
         bool is_followed = false; // the entry is what the link `path` points to
-        off_t size = -1;          // in bytes; -1 when the entry could not be looked at
+        off_t size = -1;          // in bytes; -1 when the status could not be read
         timespec changed = {};
     };
 
-    static mode_t Look(NeighbourStat &look, Entry &entry);
+    static mode_t ReadStatus(NeighbourStat &statusOf, Entry &entry);
 
-    NeighbourStat lookToAdd;
+    NeighbourStat statusToAdd;
     std::vector<Entry> entries;
 };
 

@@ -21,10 +21,10 @@ constexpr int kFormat = 1;
 const std::string kFormatKey = "format=";
 constexpr const char *kStateNames[] = {"moving", "copying", "installed", "due"}; // in the order of State
 
-// What a damaged file stands for: the app folder may hold a part of a copy, and no backup is known.
+// A damaged file is read as this record: the app folder may hold a part of a copy, and no backup is known.
 constexpr UpgradeJournal::Record kUnknown = {UpgradeJournal::COPYING, UpgradeJournal::kNoBackup, true};
 
-// Some file systems know no fsync for a folder (EINVAL): there is nothing to flush then.
+// Some file systems do not support fsync() on a folder (EINVAL). There is nothing to flush then.
 bool Flush(int fd)
 {
     return fsync(fd) == 0 || errno == EINVAL;
@@ -90,7 +90,8 @@ UpgradeJournal::Record FromText(const std::string &text)
 {
     using Journal = UpgradeJournal;
     for (const auto state : {Journal::MOVING, Journal::COPYING, Journal::INSTALLED, Journal::DUE}) {
-        for (int backup = Journal::kNoBackup; backup < Journal::kBackupNames; ++backup) {
+        for (int n = 0; n <= Journal::kBackupNames; ++n) {
+            const int backup = n < Journal::kBackupNames ? n : Journal::kNoBackup;
             for (const bool isTrusted : {false, true}) {
                 const Journal::Record record = {state, backup, isTrusted};
                 if (ToText(record) == text) {
@@ -144,9 +145,9 @@ UpgradeJournal::WriteResult UpgradeJournal::WriteNewFile(const std::string &text
     if (!file.valid()) {
         return IsFolderNotWritable(errno) ? FOLDER_NOT_WRITABLE : FAILED;
     }
-    fchmod(file.get(), kMode); // whatever the umask
+    fchmod(file.get(), kMode); // the umask may have removed bits
     GiveToFolderOwner(file.get(), folder);
-    errno = ENOSPC; // for a write that stops short without an error
+    errno = ENOSPC; // write() sets no errno when it writes only a part of the text
     const ssize_t written = write(file.get(), text.data(), text.size());
     return written == static_cast<ssize_t>(text.size()) && Flush(file.get()) ? WRITTEN : FAILED;
 }

@@ -12,7 +12,7 @@ public:
         MOVING,    // the app folder is about to be renamed to the backup
         COPYING,   // the app folder holds nothing or a part of the new copy; the backup, if any, is the old copy
         INSTALLED, // the new copy is complete and on disk; the backups up to this number are to be removed
-        DUE        // the app folder may hold an incomplete copy: upgrade whatever its version says
+        DUE        // the app folder may hold an incomplete copy: upgrade even if its version is current
     };
 
     static constexpr int kBackupNames = 10; // numbered from 0
@@ -31,7 +31,8 @@ public:
 
     // READ: `record` is what the file says. A file that is empty, cut off or not a regular file reads as COPYING
     // without a backup. UNREADABLE, with one ERROR line: a read error, a record of a later format, or a folder of that
-    // name. Otherwise `record` is unchanged. Removes what an interrupted Write() has left beside the file.
+    // name. `record` is unchanged unless READ is returned. Removes what an interrupted Write() has left beside the
+    // file.
     ReadResult Read(Record &record) const;
 
     enum WriteResult { WRITTEN, FAILED, FOLDER_NOT_WRITABLE };

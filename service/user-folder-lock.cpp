@@ -22,8 +22,8 @@ bool LockWholeFile(int fd)
     return fcntl(fd, F_OFD_SETLK, &whole) == 0;
 }
 
-// Whether the path still names the open file. The process that held the lock before has removed the file that it had
-// locked, and a later one may have created another.
+// Whether the path still names the open file. The process that held the lock before removes the file when it releases
+// the lock, and a third process may have created a new one.
 bool IsStillNamed(int fd, const std::string &path)
 {
     struct stat opened = {};
@@ -57,12 +57,12 @@ UserFolderLock::Result UserFolderLock::Acquire(const std::string &folder, std::c
 
 UserFolderLock::Result UserFolderLock::Try(const std::string &folder)
 {
-    // Open for writing: NFS gives exclusive locks only on such a descriptor.
+    // Open for writing: NFS grants exclusive locks only on such a descriptor.
     constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     auto opened = std::make_unique<ScopedFd>(open(path.c_str(), flags | O_CREAT | O_EXCL, kMode));
     const bool isCreated = opened->valid();
     if (isCreated) {
-        fchmod(opened->get(), kMode); // whatever the umask
+        fchmod(opened->get(), kMode); // the umask may have removed bits
     } else if (errno != EEXIST) {
         return NOT_LOCKABLE;
     } else {

@@ -18,8 +18,8 @@ public:
     // supports no locks; what this call has created is removed again.
     Result Acquire(const std::string &folder, std::chrono::milliseconds timeout);
 
-    // Removes the file, unless it has contents and so is not a lock file, and releases the lock. Does nothing when the
-    // lock is not held.
+    // Removes the file and releases the lock. A file with contents is not the launcher's and is not removed. Does
+    // nothing when the lock is not held.
     void Release();
 
     UserFolderLock() = default;

@@ -3,8 +3,8 @@
 
 #include <QString>
 
-// Register and unregister the bundle of translations, ":/<language code>.qm". Both return 1. The program registers it
-// when it is loaded; a second registration is harmless.
+// Register and unregister the bundle of translations, ":/<language code>.qm". Both return 1. The bundle is registered
+// when the program is loaded; a second registration is harmless.
 int qInitResources_texts();
 int qCleanupResources_texts();
 

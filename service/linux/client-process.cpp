@@ -73,8 +73,8 @@ bool ClientProcess::IsSomebodyElse(const std::string &pidFile, const std::string
         *started <= Seconds(written.st_mtim) + kStartToleranceSeconds || RunsFrom(appFolder)) {
         return false;
     }
-    // A process of another user, or one of the kernel's own, does not show its executable: neither is this user's
-    // client. One of this user's own may hide it, and may be the client.
+    // The executable of another user's process or of a kernel thread cannot be read, and neither is this user's client.
+    // A process of this user may hide its executable too (EACCES), and that one may be the client.
     char executable[PATH_MAX] = "";
     const bool isHidden = readlink((processFolder + "/exe").c_str(), executable, sizeof executable) < 0 &&
                           errno == EACCES && Signal(0) == 0;

@@ -15,10 +15,10 @@ public:
     explicit ClientProcess(pid_t pid);
 
     // Whether this cannot be the client: it was started later than `pidFile` was last written, and does not run from
-    // `appFolder`. False if this cannot be found out.
+    // `appFolder`. False if that is unknown.
     bool IsSomebodyElse(const std::string &pidFile, const std::string &appFolder) const;
 
-    // Whether its executable or an argument of its command line lies in `appFolder`. False if this cannot be found out.
+    // Whether its executable or an argument of its command line lies in `appFolder`. False if that is unknown.
     bool RunsFrom(const std::string &appFolder) const;
 
     // Like kill(2), also with signal 0: returns 0, or -1 and sets errno.

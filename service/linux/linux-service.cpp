@@ -24,8 +24,8 @@ constexpr int kStopProbes = 5;
 constexpr unsigned int kProbeIntervalSeconds = 1;
 constexpr char kInstallRoot[] = "/opt/Veltrano/Brimlock";
 
-// The process id in the pid file; 0 when it has none that may be signalled. Anything but a positive number would name a
-// group of processes or all of them, and the launcher's own number was a client's that has ended.
+// The process id in the pid file; 0 when it has none that may be signalled. 0 or a negative number would name a group
+// of processes or all of them. If the number is the launcher's own, the client that wrote it has ended.
 pid_t PidOf(Config &pidFile)
 {
     const auto pid = static_cast<int32_t>(atol(pidFile["pid"].c_str()));
@@ -149,8 +149,8 @@ void LinuxService::LoadTargetVerInfo()
 
 int LinuxService::LaunchPerUserBin()
 {
-    // The lock keeps other launchers from moving the copy while the script reads it. A script that does not end must
-    // not keep them from it for ever.
+    // The lock prevents other launchers from moving the copy while the script reads it. If the script does not end,
+    // release the lock after a time, so that they need not wait for ever.
     RunStartScript(app_path + "/package/start-stop", [this] { CloseUserFolder(); });
     return 0;
 }

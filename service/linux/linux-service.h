@@ -17,7 +17,7 @@ public:
     // Stops the client, if the user has one or it runs from the app folder, and replaces the copy.
     int HandlePackageUpgrade() override;
 
-    // Starts the client. 0 always.
+    // Starts the client. Always returns 0.
     int PostUpgrade() override;
 
     int PreUpgrade() override;
@@ -27,14 +27,14 @@ public:
     void LoadSourceVerInfo();
     void LoadTargetVerInfo();
 
-    // Runs the user's "package/start-stop start" and waits for it. Returns 0 whatever comes of it.
+    // Runs the user's "package/start-stop start" and waits for it. Always returns 0.
     int LaunchPerUserBin();
 
 private:
     static std::string PidFile();
 };
 
-// Where an install keeps its things.
+// The paths of an installation.
 struct PackageInfo {
     PackageInfo();
 

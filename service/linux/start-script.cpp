@@ -22,8 +22,8 @@ namespace
 const std::string kComponent = "service_debug";
 constexpr int kMillisecondsPerSecond = 1000;
 
-// Ignores the signals that the child must ignore, as long as the object lives: posix_spawn() itself can only reset
-// signals to their default action. This process may have handlers for some of them.
+// While the object lives, this process ignores the signals that the child must ignore: posix_spawn() itself can only
+// reset signals to their default action. The destructor restores the handlers of this process.
 class IgnoringSignals
 {
 public:
@@ -53,8 +53,8 @@ private:
     std::vector<std::pair<int, struct sigaction>> replaced;
 };
 
-// Returns 0, or the error of posix_spawn(). Script and argument are passed separately, because the path of the home
-// folder may contain blanks.
+// Starts the script with the argument "start". Returns 0, or the error of posix_spawn(). Uses no shell, because the
+// path of the home folder may contain blanks.
 int Spawn(const std::string &script, pid_t &child)
 {
     posix_spawnattr_t attributes;
@@ -63,7 +63,7 @@ int Spawn(const std::string &script, pid_t &child)
     posix_spawn_file_actions_init(&files);
 
     const SignalSettings settings = CallerSignals();
-    sigset_t defaults; // all that the child does not ignore
+    sigset_t defaults; // all signals that the child does not ignore
     sigfillset(&defaults);
     for (int number = 1; number < NSIG; ++number) {
         if (sigismember(&settings.ignored, number) == 1) {
@@ -73,7 +73,7 @@ int Spawn(const std::string &script, pid_t &child)
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setsigmask(&attributes, &settings.blocked);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-    // Not opened by posix_spawn(), which would then fail where /dev/null is missing.
+    // Opened here, because posix_spawn() would fail if it could not open /dev/null itself.
     const ScopedFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (nothing.valid()) {
         posix_spawn_file_actions_adddup2(&files, nothing.get(), STDIN_FILENO);
