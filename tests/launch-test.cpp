@@ -243,11 +243,9 @@ TEST(LaunchTest, NothingAroundAStartCostsTheClient)
 
 TEST(LaunchTest, ADisplayThatFailsCostsNoMoreThanTheWindow)
 {
-    // How many bytes it takes, whether it then hangs, and the seconds that the launcher waits for
-    // it. The window is visible after about 9700 bytes.
-    const std::tuple<int, bool, int> displays[] = {{3000, true, 10}, {12000, true, 3},
-                                                   {0, false, 0},    {900, false, 0},
-                                                   {5400, false, 0}, {9900, false, 0}};
+    const std::tuple<int, bool, int> displays[] = {
+#include "tests/display-cases.inc"
+    };
     setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy
     std::vector<Case> cases;
     for (const auto &[bytes, hangs, seconds] : displays) {

@@ -40,12 +40,6 @@ inline void WriteFile(const fs::path &path, const std::string &text, mode_t mode
     chmod(path.c_str(), mode);
 }
 
-inline mode_t ModeOf(const fs::path &path)
-{
-    struct stat info = {};
-    return lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
-}
-
 inline int CountOf(const std::string &text, const std::string &part)
 {
     int count = 0;
