@@ -33,7 +33,7 @@ public:
     // Binds the user's instance socket if no other process has it. Without GUIenabled no display is used.
     QtSingleApplication(int &argc, char **argv, bool GUIenabled = true);
 
-    // Closes the instance socket. The kernel closes it too, in whatever way the process ends.
+    // Closes the instance socket. The kernel closes it too when the process ends.
     ~QtSingleApplication() override;
 
     // Whether another process with such an object runs for the same user. Of several that ask at the same time exactly

@@ -14,7 +14,7 @@ namespace
 {
 // The name of an environment variable. Its value begins with the id of the process that starts over: a value with
 // another id was inherited from another process and is ignored. The numbers of the signals that the caller ignores
-// follow. The program after execve() cannot find these out by itself, because this one has changed them.
+// follow. The program after execve() cannot find these out, because this one has changed them.
 constexpr char kMark[] = "BRIMLOCK_LAUNCHER_STARTED_OVER";
 constexpr unsigned int kDisplaySeconds = 10;
 constexpr unsigned int kEndSeconds = 3;

@@ -200,6 +200,8 @@ AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult fou
         return result;
     }
     if (result == UPGRADE_DUE) {
+        // Before the rename, because the backup may be old: the next start must upgrade even if this one is
+        // interrupted.
         record.is_trusted = false;
         EndRolledBack();
     }
@@ -211,7 +213,8 @@ AppFolder::Condition AppFolder::RestoreBestBackup(UpgradeJournal::ReadResult fou
     return result;
 }
 
-AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopClient)
+// Does the work of Recover().
+AppFolder::Condition AppFolder::FinishOrUndoUpgrade(const std::function<void()> &stopClient)
 {
     for (int n = 0; n < kDiscardNames; ++n) {
         FSRemove(DiscardName(n), false);
@@ -269,7 +272,7 @@ AppFolder::Condition AppFolder::FindCondition(const std::function<void()> &stopC
 
 AppFolder::Condition AppFolder::Recover(const std::function<void()> &stopClient)
 {
-    condition = path.empty() ? INTACT : FindCondition(stopClient);
+    condition = path.empty() ? INTACT : FinishOrUndoUpgrade(stopClient);
     return *condition;
 }
 

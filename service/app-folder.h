@@ -40,7 +40,7 @@ public:
     // there was something to do, and one ERROR with NOT_RECOVERED.
     Condition Recover(const std::function<void()> &stopClient);
 
-    // Whether Recover() has found that an upgrade is needed even if the versions are equal.
+    // Whether Recover() has failed or has found that an upgrade is needed even if the versions are equal.
     bool IsUpgradeDue() const { return condition && *condition != INTACT; }
 
     // Begins an upgrade. Calls Recover() first, unless it was called since the last upgrade. Tries to create the user's
@@ -78,7 +78,7 @@ public:
     void Commit();
 
 private:
-    Condition FindCondition(const std::function<void()> &stopClient);
+    Condition FinishOrUndoUpgrade(const std::function<void()> &stopClient);
     Condition RestoreBestBackup(UpgradeJournal::ReadResult found);
     bool IsBetterThanBackup() const;
     Condition NotRecovered(const char *reason) const;

@@ -38,7 +38,7 @@ public:
     // Replaces the user's copy. Returns what PrepareUserEnv() returns.
     virtual int HandlePackageUpgrade() = 0;
 
-    // Starts the client from the app folder, whatever that holds after a failed upgrade.
+    // Starts the client from the app folder, also after a failed upgrade.
     virtual int PostUpgrade() = 0;
 
     // Loads and logs both versions. Returns 0.

@@ -18,7 +18,7 @@ protected:
         return extractor;
     }
 
-    // Makes the archive by a shell, and extracts it as an ordinary user.
+    // Executes the commands, which create the archive "a", and extracts it as an ordinary user.
     int Extract(const std::string &prepare) const
     {
         Shell("rm -rf a out; " + prepare);
@@ -27,7 +27,7 @@ protected:
 };
 } // namespace
 
-TEST_F(ExtractorTest, ReplacesWhatIsThereBelowTheTarget)
+TEST_F(ExtractorTest, ReplacesExistingFilesBelowTheTarget)
 {
     const std::string user = std::to_string(getuid() == 0 ? kNobody : getuid());
     const std::tuple<const char *, const char *, std::string> cases[] = {
@@ -54,7 +54,7 @@ TEST_F(ExtractorTest, RefusesBadArchivesAndBadTargets)
     }
 }
 
-TEST_F(ExtractorTest, CountsAndListsAlsoWhatCanBeReadOnlyOnce)
+TEST_F(ExtractorTest, CountsAFifoAndListsStandardInput)
 {
     Shell("touch one two; tar -cf a one two; mkfifo pipe; (cat a >pipe &)");
     const auto list = [this](const char *source) {

@@ -1,5 +1,5 @@
-// Disturbs an upgrade at each of its system calls and looks at what the next starts make of it.
-// Started by scripts/faults, as root; the launcher itself runs as an ordinary user.
+// Causes a fault at each system call of an upgrade, and checks the starts that follow. Started by
+// scripts/faults, as root; the launcher itself runs as an ordinary user.
 
 #include <array>
 #include <cerrno>
@@ -18,8 +18,8 @@
 
 namespace
 {
-// What happens to a start at one of its calls; the power cuts come first. A commit writes all
-// changes of folders to the disk, but no content that was not flushed.
+// The faults. The power cuts must be first. A commit of the file system writes all changes of
+// folders to the disk, but no file content that was not flushed.
 enum Fault { POWER_CUT, POWER_CUT_AFTER_COMMIT, KILL, IO_ERROR, FULL_DISK, SECOND_LAUNCHER };
 const std::string kFaultNames[] = {"power cut", "power cut after a commit",
                                    "SIGKILL",   "EIO, reading calls too",
@@ -27,22 +27,23 @@ const std::string kFaultNames[] = {"power cut", "power cut after a commit",
 
 constexpr long kIoError = -EIO; // as the kernel returns it
 
-// What must hold after a start. With the last two, the client was started from a whole copy.
+// What must be true after a start. For the last two, the client must also have been started from a
+// complete copy.
 enum Expected { EXITS, OLD_OR_NEW_COPY, NEW_COPY_ALONE };
 
-// A start that faults are tried on.
+// A start in which faults are caused.
 struct Flow {
     std::string name;
-    std::string home; // the state that it finds, see Save()
+    std::string home; // the state of the home before the start, see Save()
     bool isPackageBroken;
-    Expected expected; // until there is a start without a fault
+    Expected expected; // until a start without a fault has been made
 };
 
 struct Outcome {
     int status = 0;
-    int calls = 0;     // that the fault could have hit
-    int launchers = 1; // of which each starts a client
-    std::string hit;   // the call that it did hit, "" for none
+    int calls = 0;     // the number of calls at which the fault could be caused
+    int launchers = 1; // each of them starts a client
+    std::string hit;   // the call at which the fault was caused, "" for none
 };
 
 const std::string work = fs::current_path();
@@ -64,7 +65,7 @@ void Expect(bool isRight, const std::string &what)
     }
 }
 
-// Prints a row of the table: the checks since the last one.
+// Prints a row of the table, with the number of checks since the last row.
 void EndRow(const std::string &name)
 {
     static std::array<int, 2> before = {};
@@ -101,9 +102,10 @@ void Load(const std::string &name)
                         : "mount -t tmpfs -o size=8m none home; cp -a " + saved + "/. home");
 }
 
-// The path that a system call uses, if the fault can hit it: in the user's folder, but for the log,
-// and for IO_ERROR in the package too; else "". Not hit are opening and listing a folder of the
-// package: one that cannot be listed counts as empty.
+// The path that a system call uses, if the fault is caused at this call; else "". The path must be
+// in the user's folder except for the log, or, for IO_ERROR, in the package. Opening and listing a
+// folder of the package do not count, because the launcher takes a folder that it cannot list for
+// empty.
 std::string TargetOf(pid_t thread, const __ptrace_syscall_info &info, Fault fault)
 {
     // The number of the argument that is a path; -1: the first is a descriptor.
@@ -143,7 +145,8 @@ std::string TargetOf(pid_t thread, const __ptrace_syscall_info &info, Fault faul
     return isHit ? path : "";
 }
 
-// Traced, or unable to see other launchers: neither their /tmp nor their sockets.
+// Starts a launcher: traced, or with its own /tmp and network namespace, so that it finds no other
+// launcher.
 pid_t SpawnLauncher(bool isTraced)
 {
     return Spawn([isTraced] {
@@ -156,7 +159,7 @@ pid_t SpawnLauncher(bool isTraced)
     });
 }
 
-// A start with the fault at the call that has this number; -1 hits none.
+// Makes a start with the fault at call number `target`; -1: without a fault.
 Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
 {
     const std::string link = package + "/lib/broken";
@@ -165,7 +168,7 @@ Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
     pid_t failing = 0; // the thread whose call fails
     pid_t second = 0;
     int status = 0;
-    alarm(200); // a start that hangs ends the run
+    alarm(200); // if a start hangs, end this program
     const pid_t launcher = SpawnLauncher(true);
     pid_t thread = waitpid(launcher, &status, 0);
     ptrace(PTRACE_SETOPTIONS, launcher, nullptr,
@@ -186,7 +189,7 @@ Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
                       std::to_string(target % 8 * 4) + "K home/fill");
             } else if (fault == SECOND_LAUNCHER) {
                 second = SpawnLauncher(false);
-                usleep(300000); // it comes to the lock, or makes its whole upgrade, before the call
+                usleep(300000); // it reaches the lock, or finishes its upgrade, before the call
                 outcome.launchers = 2;
             } else {
                 Shell(fault == POWER_CUT_AFTER_COMMIT ? "touch home; sync home" : "");
@@ -201,7 +204,7 @@ Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
         }
         const long signal = WIFSTOPPED(status) ? WSTOPSIG(status) : 0;
         const bool isOwnSignal = signal < SIGRTMAX && signal != SIGTRAP && signal != SIGSTOP;
-        // The first thread only shows the window, and makes most of the calls.
+        // Do not stop the first thread at its calls: it only shows the window, with many calls.
         ptrace(thread == launcher ? PTRACE_CONT : PTRACE_SYSCALL, thread, nullptr,
                isOwnSignal ? signal : 0L);
     }
@@ -231,7 +234,8 @@ void Check(const std::string &what, const Outcome &start, Expected expected)
     }
 }
 
-// A row: hits every `stride`-th call. A good start follows, at once and after one that fails.
+// One row: causes the fault at every `stride`-th call. After each fault makes a good start, and
+// separately a failing start and then a good one.
 void HitCalls(const Flow &flow, Fault fault, int stride)
 {
     bool isHit = hasLoopDevice || fault >= KILL;
@@ -316,7 +320,7 @@ void Waits()
     EndRow("a slow start script, and a lock that is not released");
 }
 
-// Stages the package, and saves the states of the home that the flows begin with.
+// Creates the package, and saves the states of the home with which the flows begin.
 void Prepare()
 {
     Shell("mkdir home disks; mount -t tmpfs none disks; truncate -s 8M disks/live; "
@@ -348,9 +352,9 @@ void Prepare()
 }
 } // namespace
 
-// Runs in a scratch folder with a staged install in "opt". Arguments: every how many-th call is
-// hit, and the seed of the random sequences.
-// NOLINTNEXTLINE(bugprone-exception-escape): what is thrown ends the run with a failure
+// Runs in a scratch folder with an installation in "opt". Arguments: the stride of HitCalls(), and
+// the seed of the random sequences.
+// NOLINTNEXTLINE(bugprone-exception-escape): an exception makes the program fail
 int main(int argc, char **argv)
 {
     const int stride = argc > 1 ? atoi(argv[1]) : 1;

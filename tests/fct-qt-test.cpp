@@ -7,7 +7,7 @@
 
 namespace
 {
-// Sets the variables of a table's row; "-" stands for unset.
+// Sets the variables to the values of a table's row; "-": unsets it.
 void SetEnvironment(const char *const *names, const std::array<const char *, 4> &values)
 {
     for (size_t i = 0; i < values.size(); ++i) {

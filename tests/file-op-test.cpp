@@ -18,7 +18,7 @@ TEST(PathStringTest, PathsAreCutAtTheLastSlash)
     }
 }
 
-TEST_F(FileOpTest, ResultsAndMessagesAreWhatTheyAlwaysWere)
+TEST_F(FileOpTest, ResultsAndMessagesAreUnchanged)
 {
     Shell("touch file; mkdir real; ln -s real link; touch -hd @5 link; ln -s nowhere dangling");
     const std::string file = Path("file");
@@ -54,8 +54,9 @@ TEST_F(FileOpTest, WalksAFolder)
         EXPECT_EQ(FSOpenDir(Path("f"), flags, handle), 0);
         for (DIR_ENTRY entry; FSReadDir(handle, entry) == 1;) {
             const auto known = " " + std::to_string(entry.mtime) + " " + std::to_string(entry.size);
-            found.insert(entry.name + " " + std::to_string(entry.type) +
-                         (entry.type == FS_TYPE_DIR ? "" : known)); // a folder's depend on the disk
+            found.insert(
+                entry.name + " " + std::to_string(entry.type) +
+                (entry.type == FS_TYPE_DIR ? "" : known)); // a folder's differ between disks
         }
         FSCloseDir(handle);
         EXPECT_EQ(handle.path, "");

@@ -9,7 +9,7 @@
 #include "service/linux/linux-service.h"
 #include "tests/support.h"
 
-// A user's copy and a newer shipped client, as make-clients.sh makes them.
+// Creates a user's copy and a newer shipped client by make-clients.sh.
 class InstallTest : public ScratchTest
 {
 protected:

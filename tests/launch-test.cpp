@@ -1,4 +1,4 @@
-// The whole program, started as a user starts it: as it is installed, without root's powers.
+// Tests the installed program, started by an unprivileged user.
 
 #include <cstddef>
 #include <deque>
@@ -13,24 +13,25 @@
 
 namespace
 {
-// For shells in a test's folder.
+// The variables of the tests' shell commands, which run in the scratch folder.
 const std::string kVariables =
     "L=opt/bin/launcher INFO=opt/INFO LEVELS=opt/log/launcher.debug PACKAGE=opt/package/larkspire "
     "SCRIPT=$PACKAGE/package/start-stop GATE=$PACKAGE/gate BASE=home/.Brimlock "
     "APP=$BASE/Brimlock.app PIDFILE=$BASE/ui.pid LOG=$BASE/log/launcher.log "
     "SURROUNDINGS='" BRIMLOCK_TESTS "/surroundings.sh'\n";
-const std::string kDisplays = "/tmp/.X11-unix/X"; // and the number: their sockets
+const std::string kDisplays = "/tmp/.X11-unix/X"; // the socket of display 0 is this and "0"
 constexpr int kSlackSeconds = 14;                 // for a slow machine
 bool hasOwnNetwork = false;
 
-// An abstract socket belongs to a network namespace. In its own namespace a launcher is alone.
+// Abstract sockets are not shared between network namespaces. So several launchers of one user can
+// run at the same time, each in its own namespace.
 bool EnterOwnNetwork()
 {
     const std::string user = std::to_string(getuid());
     const std::string group = std::to_string(getgid());
     const bool hasEntered =
         unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) == 0;
-    // The user keeps their id. Refused for root, who has entered no user namespace.
+    // Keep the ids of an ordinary user. For root, who has entered no user namespace, this fails.
     std::ofstream("/proc/self/uid_map") << user << " " << user << " 1";
     std::ofstream("/proc/self/setgroups") << "deny";
     std::ofstream("/proc/self/gid_map") << group << " " << group << " 1";
@@ -49,7 +50,8 @@ int OpenSocket(const std::string &name, int (*use)(int, const sockaddr *, sockle
     return fd;
 }
 
-// A display that passes on this many bytes of its client. Then it closes the connection, or hangs.
+// Starts a proxy of the test's X server. After it has forwarded `bytes` bytes of its client, it
+// closes the connection, or hangs.
 pid_t StartDisplay(const std::string &name, int bytes, bool hangs)
 {
     const int listener = OpenSocket(name, bind);
@@ -76,33 +78,34 @@ pid_t StartDisplay(const std::string &name, int bytes, bool hangs)
 }
 
 struct Case {
-    std::string prepare = {};       // by a shell, in the scratch folder
-    std::string client = "new";     // that is started at the end, if any
-    std::string check = "true";     // by a shell, afterwards
-    std::string start = "true";     // by the user's shell, which then becomes the launcher
-    std::string duringUpgrade = {}; // by the user's shell; $PID is the launcher
-    int displayBytes = -1;          // after so many from the launcher its display fails
-    bool displayHangs = false;      // instead of closing the connection
-    int seconds = 0;                // that the start takes at least
+    std::string prepare = {};       // commands before the start, in the scratch folder
+    std::string client = "new";     // which copy's start script must run: "old", "new" or none
+    std::string check = "true";     // commands after the start
+    std::string start = "true";     // commands of the user's shell, before it executes the launcher
+    std::string duringUpgrade = {}; // the user's commands in mid-upgrade; $PID is the launcher
+    int displayBytes = -1;          // the display fails after so many bytes; -1: never
+    bool displayHangs = false;      // it hangs instead of closing the connection
+    int seconds = 0;                // the shortest time that the start may take
 };
 
-// A user's copy, a newer shipped client and one start of the launcher.
-class Stage : public ScratchTest
+// A home with the user's copy, an installation with a newer shipped client, and one start of the
+// launcher.
+class StagedStart : public ScratchTest
 {
 public:
     using ScratchTest::Path, ScratchTest::PlainLog;
 
-    explicit Stage(const Case &toStart = {}) : c(toStart)
+    explicit StagedStart(const Case &toStart = {}) : c(toStart)
     {
         Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; app=$APP ui=bin/brimlock-ui;"
               ". '" BRIMLOCK_TESTS "/make-clients.sh'; printf '%9000d' 1 >$PACKAGE/large;"
               "printf 'launcher_debug=7\nservice_debug=7\nfile_op_debug=4\n' >$LEVELS;"
               "for script in $APP/package/start-stop $SCRIPT; do"
               "  echo \". '$SURROUNDINGS' >'$PWD/inherited'\" >>$script; done");
-        old = Tree(app);
+        oldCopy = Tree(app);
     }
 
-    ~Stage() override
+    ~StagedStart() override
     {
         if (proxy != 0) {
             kill(proxy, SIGKILL);
@@ -128,9 +131,11 @@ public:
         Shell(c.prepare +
               "\n[ $(id -u) != 0 ] || chown -hR 65534:65534 $(ls -d home disk || true)" +
               (c.duringUpgrade.empty() ? "" : "\nmkfifo -m 666 $GATE"));
-        started = time(nullptr);
+        startTime = time(nullptr);
         launcher = AsTheUser(c.start + "; . $SURROUNDINGS >home/given; exec $L", isAlone);
         if (!c.duringUpgrade.empty()) {
+            // The package contains a FIFO. To open it, the launcher, which copies it, and this
+            // shell wait for each other. Until the shell closes it, the upgrade does not go on.
             const std::string pid = "PID=" + std::to_string(launcher);
             gate = AsTheUser("set -e; exec 3>$GATE; " + pid + "; " + c.duringUpgrade, false);
         }
@@ -152,14 +157,14 @@ public:
         });
     }
 
-    // Waits for the end of what was started, and looks at what it has left.
+    // Waits for the processes, and checks the started client, the user's copy and the log.
     void End()
     {
         SCOPED_TRACE(c.prepare + " | " + c.start + " | " + c.duringUpgrade + " | " + display);
         EXPECT_EQ(gate == 0 ? 0 : Wait(gate), 0) << "during the upgrade";
         EXPECT_EQ(Wait(launcher), 0);
-        EXPECT_GE(time(nullptr) - started, c.seconds);
-        EXPECT_LT(time(nullptr) - started, c.seconds + kSlackSeconds);
+        EXPECT_GE(time(nullptr) - startTime, c.seconds);
+        EXPECT_LT(time(nullptr) - startTime, c.seconds + kSlackSeconds);
         if (c.client.empty()) {
             EXPECT_EQ(Started(), "");
         } else {
@@ -167,7 +172,7 @@ public:
             EXPECT_EQ(Started(), isOld ? "1000 start\n" : "1001 start\n");
             Shell(isAlone ? "diff home/given inherited" : "test -s inherited");
             Shell("rm -f $GATE $APP/gate");
-            EXPECT_EQ(Tree(app), isOld ? old : Tree(package));
+            EXPECT_EQ(Tree(app), isOld ? oldCopy : Tree(package));
         }
         Shell("logged() { cat $LOG home/stderr | grep -c \"$1\" | grep -qx 1; }\n" + c.check);
     }
@@ -176,20 +181,20 @@ public:
 
     Case c;
     std::string display = ":987"; // no such display exists
-    bool isAlone = true;          // in its network namespace
-    time_t started = 0;
+    bool isAlone = true;          // the launcher has its own network namespace
+    time_t startTime = 0;
     pid_t launcher = 0;
-    pid_t gate = 0;
-    pid_t proxy = 0;
-    std::set<std::string> old; // the user's copy
+    pid_t gate = 0;  // the shell that executes c.duringUpgrade
+    pid_t proxy = 0; // the display of StartDisplay()
+    std::set<std::string> oldCopy;
     const std::string app = Path("home/.Brimlock/Brimlock.app");
     const std::string package = Path("opt/package/larkspire");
 };
 
-// Three at a time.
+// Makes the starts, up to three at the same time.
 void StartAll(const std::vector<Case> &cases)
 {
-    std::deque<Stage> stages;
+    std::deque<StagedStart> stages;
     for (const Case &c : cases) {
         stages.emplace_back(c).Start();
         if (!hasOwnNetwork || stages.size() > 2) {
@@ -197,15 +202,15 @@ void StartAll(const std::vector<Case> &cases)
             stages.pop_front();
         }
     }
-    for (Stage &stage : stages) {
+    for (StagedStart &stage : stages) {
         stage.End();
     }
 }
 } // namespace
 
-TEST(LaunchTest, WholeStartsReadAsTheyAlwaysDid)
+TEST(LaunchTest, TheLogOfAStartIsUnchanged)
 {
-    Stage stage;
+    StagedStart stage;
     stage.Shell("rm -r $BASE; mkdir -p home/.Larkspire/app/x");
     const std::pair<std::string, std::string> starts[] = {
 #include "tests/log-start-cases.inc"
@@ -215,15 +220,15 @@ TEST(LaunchTest, WholeStartsReadAsTheyAlwaysDid)
         stage.Start();
         EXPECT_EQ(Wait(stage.launcher), 0);
     }
-    // Removes the lines of folders in the package, whose order is that of the disk, and all start
-    // markers but the first.
+    // Removes the lines of folders in the package, because their order depends on the file system,
+    // and all start markers except the first.
     stage.Shell("sed -i -E '/cpp.[0-9]+.: copy from .*larkspire.[a-z]/d;"
                 "/^== nothing/,$ { / >>> /d }' $LOG");
     EXPECT_EQ(stage.PlainLog("home/.Brimlock/log/launcher.log"),
               ReadFile(BRIMLOCK_TESTS "/launch-log.txt"));
 }
 
-TEST(LaunchTest, NothingAroundAStartCostsTheClient)
+TEST(LaunchTest, AClientStartsDespiteDamagedFilesSignalsAndLimits)
 {
     const std::tuple<const char *, const char *, const char *> spoils[] = {
 #include "tests/spoil-cases.inc"
@@ -241,12 +246,12 @@ TEST(LaunchTest, NothingAroundAStartCostsTheClient)
     StartAll(cases);
 }
 
-TEST(LaunchTest, ADisplayThatFailsCostsNoMoreThanTheWindow)
+TEST(LaunchTest, AClientStartsAlsoWhenTheDisplayFails)
 {
     const std::tuple<int, bool, int> displays[] = {
 #include "tests/display-cases.inc"
     };
-    setenv("QT_X11_NO_MITSHM", "1", 1); // descriptors do not pass the proxy
+    setenv("QT_X11_NO_MITSHM", "1", 1); // the proxy forwards no descriptors
     std::vector<Case> cases;
     for (const auto &[bytes, hangs, seconds] : displays) {
         Case &c = cases.emplace_back();
@@ -266,16 +271,18 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
         "n=6; for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do "
         "n=$((n - 1)); (sleep 0.$n; exec env $v=/x $L) & done; wait; exit",
         "until [ $(grep -c 'app has already launched, return' $LOG) = 5 ]; do sleep 0.01; done"};
-    // Another user, as whom only root can act, may hold the name and answer, not answer or have a
-    // full queue.
+    // Another user may hold the name: and accept connections, not listen, or have a full queue.
+    // Only a test that runs as root can be this other user.
     enum Holder { kNobodyElse, kAnswers, kSilent, kFull };
     for (const Holder holder : {kNobodyElse, kAnswers, kSilent, kFull}) {
         SCOPED_TRACE(holder);
         const bool isHeld = holder != kNobodyElse && getuid() == 0;
         const int listener = isHeld ? OpenSocket(name, bind) : -1;
-        listen(holder == kSilent ? -1 : listener, holder == kFull ? 0 : SOMAXCONN);
+        if (isHeld && holder != kSilent) {
+            listen(listener, holder == kFull ? 0 : SOMAXCONN);
+        }
         const int caller = isHeld && holder == kFull ? OpenSocket(name, connect) : -1;
-        Stage stage(six);
+        StagedStart stage(six);
         stage.isAlone = false;
         stage.Start();
         stage.End();
@@ -287,7 +294,7 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    // Nothing comes from the developer's desktop.
+    // The developer's desktop must have no influence.
     for (const char *variable :
          {"QT_QPA_PLATFORM", "LANGUAGE", "WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP"}) {
         unsetenv(variable);

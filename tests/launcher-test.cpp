@@ -10,7 +10,7 @@
 
 namespace
 {
-// Installs the archive where there is one.
+// Installs from the archive if there is one.
 class ExtractingService : public LinuxService
 {
 public:
@@ -60,7 +60,7 @@ TEST_F(LauncherTest, TheWindowCountsInPercentAndCannotBeCancelled)
         launcher->UpdateProgress(3, done);
         EXPECT_EQ(dialog->value(), percent);
     }
-    dialog->close(); // what the window manager asks for
+    dialog->close(); // as the window manager requests it
     EXPECT_TRUE(dialog->isVisible());
 }
 

@@ -32,7 +32,7 @@ TEST(LogDeathTest, EachSinkHasItsForm)
     const auto useAllSinks = [] {
         Say("hidden\n", Logger::INFO);
         openlog("system", LOG_PERROR, LOG_USER);
-        setlogmask(LOG_MASK(LOG_ERR)); // the one priority
+        setlogmask(LOG_MASK(LOG_ERR)); // the priority of all levels
         Logger::Initialize(Logger::TYPE_SYSLOG, "", "", 50, Logger::SCOPE_THREAD);
         Say("log\n", Logger::WARNING);
         const std::string file = "/tmp/brimlock-type-4-" + std::to_string(getpid());
@@ -46,7 +46,7 @@ TEST(LogDeathTest, EachSinkHasItsForm)
                 "^[^ ]{19} constructor\nsystem: log\nbare\n[^ ]{19} 1\n[^ ]{19} destructor\n$");
 }
 
-TEST_F(LogTest, TellsTheLocalTimeOfThisVerySecond)
+TEST_F(LogTest, ShowsTheLocalTimeToTheSecond)
 {
     // The third line has the same zone as the second, but a later time.
     for (const auto &[hours, nap] : {std::pair(5L, 0), {-7, 1}, {-7, 0}}) {

@@ -10,7 +10,7 @@ class ServiceTest : public InstallTest
 protected:
     void GivenPid(const std::string &pid) { WriteFile(Path("base/ui.pid"), "pid=" + pid + "\n"); }
 
-    // Starts a client, as an ordinary user and in a process group of its own.
+    // Starts a client as an ordinary user and in its own process group.
     pid_t StartClient(const std::string &program, const char *before = ":")
     {
         WriteFile(program,
@@ -44,14 +44,14 @@ TEST_F(ServiceTest, AVersionFileChangesOnlyWhatItHolds)
                                     "[INFO] cloud-service.cpp: source_version = (, , , )\n");
 }
 
-TEST_F(ServiceTest, StopsTheClientGentlyAndThenForciblyAndNoProcessThatInheritedItsNumber)
+TEST_F(ServiceTest, StopsTheClientButNoOtherProcessWithItsId)
 {
     struct Client {
         std::string program;
-        const char *before; // a command that it executes first
+        const char *before; // a command that the client executes first
         const char *pidFileDate;
-        int signal;  // that ends it; SIGUSR1 comes from the test
-        int seconds; // that StopService() takes, 0 for less than 3
+        int signal;  // that ends the client; SIGUSR1 is sent by the test
+        int seconds; // that StopService() takes; 0: less than 3
     };
     const Client clients[] = {{app + "/client", ":", "1 minute ago", SIGTERM, 0},
                               {app + "/stubborn", "trap : TERM", "1 minute ago", SIGKILL, 5},
@@ -76,7 +76,7 @@ TEST_F(ServiceTest, StopsTheClientGentlyAndThenForciblyAndNoProcessThatInherited
         EXPECT_EQ(Wait(client), 128 + c.signal) << c.program;
         EXPECT_EQ(Wait(stopper), c.seconds) << c.program;
     }
-    service.StopService(); // the last one, which is gone
+    service.StopService(); // the last client, which has ended
     EXPECT_EQ(Logged("left alone\n"), 1);
     EXPECT_EQ(Logged("kill:"), 0) << Log();
 }
@@ -86,8 +86,8 @@ TEST_F(ServiceTest, SignalsNothingButAPositiveProcessId)
     const pid_t bystander = StartClient(Path("bystander"));
     const std::string pid = std::to_string(bystander);
     const std::string wrapped = std::to_string((1LL << 32) - bystander); // -pid in 32 bits
-    // As an ordinary user, in a process group of its own, -1 last: a fault must not end more than
-    // that.
+    // As an ordinary user, in its own process group, and with -1 last: a faulty service must not
+    // end other processes of the machine.
     for (const std::string &text : {"-" + pid, wrapped, std::string("0"), std::string("abc"),
                                     "1\nPID=" + pid + " 2", "\nkey=" + pid, std::string("-1")}) {
         GivenPid(text);
@@ -108,7 +108,7 @@ TEST_F(ServiceTest, SignalsNothingButAPositiveProcessId)
     EXPECT_EQ(Wait(bystander), 128 + SIGUSR1);
 }
 
-TEST_F(ServiceTest, ResultsAndMessagesAreWhatTheyAlwaysWere)
+TEST_F(ServiceTest, ResultsAndMessagesAreUnchanged)
 {
     const auto unprivileged = [](const std::function<void()> &call) {
         return InChild([&] { return BecomeUnprivileged(), call(), 0; });

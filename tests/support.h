@@ -50,7 +50,7 @@ inline int CountOf(const std::string &text, const std::string &part)
     return count;
 }
 
-// Everything below a folder, with what is in the files.
+// The names of all entries below a folder, with the contents of the files.
 inline std::set<std::string> Tree(const fs::path &folder)
 {
     std::set<std::string> entries;
@@ -71,7 +71,8 @@ inline pid_t Spawn(const std::function<int()> &body)
     return child;
 }
 
-// The exit status of a child process; 128 + N if signal N ended it. Fails if it has to be killed.
+// Waits for a child process. Returns its exit status, or 128 + N if signal N ended it. If it does
+// not end in time, the test fails and the process is killed.
 inline int Wait(pid_t child, int milliseconds = kWaitMilliseconds)
 {
     pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
@@ -90,7 +91,7 @@ inline int InChild(const std::function<int()> &body)
     return Wait(Spawn(body));
 }
 
-// Rows CALL(call, result) of a table. The calls are made one after the other.
+// The rows CALL(call, result) of a table. The calls are made in this order.
 using Calls = std::vector<std::tuple<const char *, std::string, std::string>>;
 #define CALL(call, result)                                                                         \
     {                                                                                              \
@@ -104,7 +105,7 @@ inline void ExpectResults(const Calls &calls)
     }
 }
 
-// Root becomes an ordinary user, so that permissions apply.
+// If this process runs as root, makes it an ordinary user, whom permissions restrict.
 inline void BecomeUnprivileged()
 {
     if (getuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
@@ -112,14 +113,14 @@ inline void BecomeUnprivileged()
     }
 }
 
-// A scratch folder that every user may write to, and a log in it with all levels.
+// Creates a scratch folder that every user may write to, and logs all levels to a file in it.
 class ScratchTest : public testing::Test
 {
 protected:
     ScratchTest()
     {
         std::string name =
-            "/tmp/brimlock t\xc3\xabst-XXXXXX"; // blank and accent, as in a home folder
+            "/tmp/brimlock t\xc3\xabst-XXXXXX"; // blank and accent, as a home folder may have
         if (mkdtemp(name.data()) == nullptr || chmod(name.c_str(), 0777) != 0) {
             abort();
         }
@@ -130,7 +131,7 @@ protected:
     ~ScratchTest() override
     {
         Logger::Destroy();
-        Shell("chmod -R u+rwX . || true; rm -rf \"$PWD\""); // not by the functions under test
+        Shell("chmod -R u+rwX . || true; rm -rf \"$PWD\""); // not FSRemove(), which is under test
     }
 
     void StartLog(const char *levels = "launcher_debug=7\nservice_debug=7\n"
@@ -143,7 +144,7 @@ protected:
         chmod(LogPath().c_str(), 0666);
     }
 
-    // Executes commands in the scratch folder and returns what they print. Each must succeed.
+    // Executes commands in the scratch folder and returns their output. Each must succeed.
     std::string Shell(const std::string &commands) const
     {
         const std::string out = scratch.string() + ".out";
@@ -158,7 +159,7 @@ protected:
         return printed;
     }
 
-    // A log without what differs from start to start: time, process, thread, line, folder.
+    // A log without time, process, thread, source line and scratch folder, which differ each time.
     std::string PlainLog(const std::string &log = "log") const
     {
         return Shell("sed -E 's/^([0-9T:-]+ )?\\( *[0-9]+: *[0-9]+\\) //; s/\\([0-9]+\\): /: /; "

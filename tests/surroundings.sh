@@ -1,7 +1,7 @@
 #!/bin/sh
 # Prints what a program inherits: the environment, the umask, and which signals up to 28 are
-# blocked or ignored. (The C library itself ignores two higher ones.) Starts no process, because
-# the user may not be allowed more of them.
+# blocked or ignored. (The C library itself ignores two higher ones.) Starts no process, because a
+# test limits the user's number of processes.
 unset _
 export -p
 while read -r field value _; do

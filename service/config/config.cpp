@@ -10,7 +10,7 @@
 
 namespace
 {
-// A longer line is parsed piece by piece, each piece as a line of its own.
+// A longer line is split into pieces of this size, and each piece is parsed as a line.
 constexpr int kLineBytes = 8192;
 
 constexpr off_t kMaxFileBytes = off_t{1024} * 1024;
@@ -19,7 +19,7 @@ struct FileCloser {
     void operator()(FILE *file) const { fclose(file); }
 };
 
-// Null, with errno set, for what is no regular file of at most kMaxFileBytes.
+// Opens a regular file of at most kMaxFileBytes. Returns null with errno set for any other path.
 FILE *OpenRegular(const std::string &path)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
