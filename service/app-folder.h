@@ -40,7 +40,8 @@ public:
     // there was something to do, and one ERROR with NOT_RECOVERED.
     Condition Recover(const std::function<void()> &stopClient);
 
-    // Whether Recover() has found that an upgrade must be made whatever the versions say.
+    // Whether an upgrade is needed whatever the versions say: after UPGRADE_DUE, and after NOT_RECOVERED, though it
+    // cannot be made then. False before Recover().
     bool IsUpgradeDue() const { return condition && *condition != INTACT; }
 
     // Begins an upgrade. Calls Recover() first, unless that was done since the last upgrade. Tries to create the user's
