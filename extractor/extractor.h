@@ -6,7 +6,8 @@
 struct archive;
 
 // Counts, lists and unpacks an archive of any format and compression that libarchive reads. Each call opens and closes
-// the archive itself. An object is used by one thread at a time. Every failure is reported by -1 and one ERROR line.
+// the archive itself. An object is used by one thread at a time. A failure is reported by -1 and an ERROR
+// line; by two lines when Extract() cannot open the archive.
 class Extractor
 {
 public:
