@@ -30,10 +30,8 @@ public:
     {
         const std::string change = attempts < changes.size() ? changes[attempts] : ":";
         ++attempts;
-        const std::string command = "cd '" + folder +
-                                    "'; timeout 30 sh -c 'exec 3>$(echo larkspire/gate*); " +
-                                    change + "' &";
-        EXPECT_EQ(system(command.c_str()), 0);
+        const std::string opener = "exec 3>$(echo larkspire/gate*); " + change;
+        EXPECT_EQ(system(("cd '" + folder + "'; timeout 30 sh -c '" + opener + "' &").c_str()), 0);
         return LinuxService::CopyPackage();
     }
 
@@ -156,11 +154,10 @@ TEST_F(AppFolderTest, TheClientIsStoppedBeforeItsFolderIsTouched)
                                           {"copying none yes", "needed done 1001: app ui.pid"}}) {
         Shell("rm -rf base/app/bin base/app_tmp; cp -r opt/package/larkspire base/app_tmp");
         GivenJournal(recorded);
-        WriteFile(app + "/client",
-                  "#!/bin/sh\ntrap 'test -e \"$0\"; exit $?' TERM\n: >'" + Path("ready") +
-                      "'\nwhile sleep 0.1; do :; done\n",
-                  0755);
         const std::string client = app + "/client";
+        const std::string script = "#!/bin/sh\ntrap 'test -e \"$0\"; exit $?' TERM\n: >'" +
+                                   Path("ready") + "'\nwhile sleep 0.1; do :; done\n";
+        WriteFile(client, script, 0755);
         const pid_t process = Spawn([&] { return execl(client.c_str(), client.c_str(), nullptr); });
         Shell("timeout 30 sh -c 'until [ -e ready ]; do sleep 0.01; done'; rm ready");
         WriteFile(base + "/ui.pid", "pid=" + std::to_string(process) + "\n");
@@ -175,7 +172,8 @@ TEST_F(AppFolderTest, APackageThatChangesWhileItIsCopiedIsCopiedAgain)
     // The gate must not be the first entry that is read.
     Shell("mv opt/INFO shipped; ln -s ../shipped opt/INFO"); // what a link points to counts
     Shell("cd opt/package/larkspire; mkfifo gate; touch 1 2 3 4 5 6 7 8 9 10 11 12;"
-          "until [ $(ls -U | head -n 1 | cut -c 1-4) != gate ]; do mv gate* gate$RANDOM; done");
+          "n=0; until [ $(ls -U | head -n 1 | cut -c 1-4) != gate ]; do mv gate* gate$((n=n+1)); "
+          "done");
     GatedService service;
     service.folder = Path("opt/package");
     for (const std::string change : {"touch larkspire/new", "touch larkspire/*", "touch ../INFO",
