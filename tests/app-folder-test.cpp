@@ -169,10 +169,9 @@ TEST_F(AppFolderTest, TheClientIsStoppedBeforeItsFolderIsTouched)
 
 TEST_F(AppFolderTest, APackageThatChangesWhileItIsCopiedIsCopiedAgain)
 {
-    // The gate must not be the first entry that is read.
-    Shell("mv opt/INFO shipped; ln -s ../shipped opt/INFO"); // what a link points to counts
-    Shell("cd opt/package/larkspire; mkfifo gate; touch 1 2 3 4 5 6 7 8 9 10 11 12;"
-          "n=0; until [ $(ls -U | head -n 1 | cut -c 1-4) != gate ]; do mv gate* gate$((n=n+1)); "
+    // What a link points to counts. The gate must not be the first entry that is read.
+    Shell("mv opt/INFO real; ln -s ../real opt/INFO; cd opt/package/larkspire; mkfifo gate; touch"
+          " $(seq 12); n=0; until ls -U | head -n 1 | grep -v gate; do mv gate* gate$((n=n+1)); "
           "done");
     GatedService service;
     service.folder = Path("opt/package");

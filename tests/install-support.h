@@ -1,8 +1,6 @@
 #ifndef BRIMLOCK_TESTS_INSTALL_SUPPORT_H
 #define BRIMLOCK_TESTS_INSTALL_SUPPORT_H
 
-#include <memory>
-
 #include "fct-qt/path-keys.h"
 #include "fct-qt/ui-path-manager.h"
 #include "launcher/strings/str-table.h"

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <deque>
-#include <memory>
 
 #include <poll.h>
 #include <sched.h>
