@@ -12,40 +12,30 @@ int NeighbourStat::operator()(const std::string &path, bool followLink, struct s
     return fstatat(folderFd->get(), path.c_str() + slash + 1, &status, followLink ? 0 : AT_SYMLINK_NOFOLLOW);
 }
 
-// Sets size and ctime of the entry. Returns its type and permissions, or 0 when its status cannot be read.
-mode_t SourceSnapshot::ReadStatus(NeighbourStat &statusOf, Entry &entry)
+SourceSnapshot::Status SourceSnapshot::ReadStatus(NeighbourStat &statOf, const std::string &path, bool isFollowed)
 {
     struct stat status = {};
-    if (statusOf(entry.path, entry.is_followed, status) != 0) {
-        return 0;
+    if (statOf(path, isFollowed, status) != 0) {
+        return {};
     }
-    entry.size = status.st_size;
-    entry.changed = status.st_ctim;
-    return status.st_mode;
+    return {status.st_mode, status.st_size, status.st_ctim};
 }
 
 void SourceSnapshot::Add(const std::string &path)
 {
-    for (const bool isFollowed : {false, true}) {
-        Entry &entry = entries.emplace_back();
-        entry.path = path;
-        entry.is_followed = isFollowed;
-        if (!S_ISLNK(ReadStatus(statusToAdd, entry))) {
-            return;
-        }
+    entries.push_back({path, false, ReadStatus(statToAdd, path, false)});
+    if (S_ISLNK(entries.back().status.mode)) {
+        entries.push_back({path, true, ReadStatus(statToAdd, path, true)});
     }
 }
 
 bool SourceSnapshot::HasChanged() const
 {
-    NeighbourStat statusOf;
+    NeighbourStat statOf;
     for (const Entry &entry : entries) {
-        Entry now;
-        now.path = entry.path;
-        now.is_followed = entry.is_followed;
-        ReadStatus(statusOf, now);
-        if (now.size != entry.size || now.changed.tv_sec != entry.changed.tv_sec ||
-            now.changed.tv_nsec != entry.changed.tv_nsec) {
+        const Status now = ReadStatus(statOf, entry.path, entry.is_followed);
+        if (now.size != entry.status.size || now.changed.tv_sec != entry.status.changed.tv_sec ||
+            now.changed.tv_nsec != entry.status.changed.tv_nsec) {
             return true;
         }
     }

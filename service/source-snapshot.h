@@ -36,16 +36,20 @@ public:
     bool HasChanged() const;
 
 private:
-    struct Entry {
-        std::string path;
-        bool is_followed = false; // the entry is what the link `path` points to
-        off_t size = -1;          // in bytes; -1 when the status could not be read
+    struct Status {
+        mode_t mode = 0;
+        off_t size = -1; // in bytes; -1 when the status could not be read
         timespec changed = {};
     };
+    struct Entry {
+        std::string path;
+        bool is_followed; // the entry is what the link `path` points to
+        Status status;
+    };
 
-    static mode_t ReadStatus(NeighbourStat &statusOf, Entry &entry);
+    static Status ReadStatus(NeighbourStat &statOf, const std::string &path, bool isFollowed);
 
-    NeighbourStat statusToAdd;
+    NeighbourStat statToAdd;
     std::vector<Entry> entries;
 };
 
