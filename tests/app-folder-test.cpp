@@ -88,9 +88,6 @@ protected:
 
     // The same in full, and Found() afterwards.
     std::string Start() { return Decide(true).append(Found()); }
-
-    const std::string base = Path("base");
-    const std::string journal = base + "/upgrade.journal";
 };
 } // namespace
 
@@ -160,7 +157,7 @@ TEST_F(AppFolderTest, TheClientIsStoppedBeforeItsFolderIsTouched)
         WriteFile(client, script, 0755);
         const pid_t process = Spawn([&] { return execl(client.c_str(), client.c_str(), nullptr); });
         Shell("timeout 30 sh -c 'until [ -e ready ]; do sleep 0.01; done'; rm ready");
-        WriteFile(base + "/ui.pid", "pid=" + std::to_string(process) + "\n");
+        WriteFile(Path("base/ui.pid"), "pid=" + std::to_string(process) + "\n");
         const pid_t launcher = Spawn([&, expected = found] { return Start() != expected; });
         EXPECT_EQ(Wait(process), 0) << recorded << ": its folder was still there";
         EXPECT_EQ(Wait(launcher), 0) << recorded;
