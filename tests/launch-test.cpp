@@ -256,6 +256,9 @@ TEST(LaunchTest, AClientStartsAlsoWhenTheDisplayFails)
         Case &c = cases.emplace_back();
         c.displayBytes = bytes;
         c.displayHangs = hangs;
+        // Also when the caller has blocked the signals of the timer and of a crash.
+        c.start =
+            "exec env --block-signal=ALRM,ABRT sh -c \". $SURROUNDINGS >home/given; exec $L\"";
         c.seconds = seconds;
     }
     StartAll(cases);

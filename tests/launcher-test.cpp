@@ -1,11 +1,15 @@
 #include "launcher/launcher.h"
 
+#include <future>
+#include <thread>
+
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
 
 #include "fct-qt/qt-single-application.h"
 #include "launcher/language.h"
+#include "launcher/run-keeper.h"
 #include "tests/install-support.h"
 
 namespace
@@ -101,6 +105,29 @@ TEST_F(LauncherTest, AStartReachesTheWindowAndTheClient)
         EXPECT_EQ(shown + dialog->labelText().toStdString(), expected);
         EXPECT_EQ(ReadFile(Path("started")), started);
     }
+}
+
+static int OverflowStack(int depth)
+{
+    volatile char page[4096] = "";
+    return depth < 0 ? 0 : OverflowStack(depth + 1) + page[0];
+}
+
+TEST(RunKeeperTest, AStackOverflowOfTheGuiThreadDoesNotEndTheRun)
+{
+    const auto overflowDuringRun = [] {
+        const RunKeeper keeper;
+        std::promise<void> begins;
+        std::thread([&begins] {
+            RunKeeper::RunBegins();
+            begins.set_value();
+            usleep(100000);
+            RunKeeper::RunEnds();
+        }).detach();
+        begins.get_future().wait();
+        return OverflowStack(0);
+    };
+    EXPECT_EQ(InChild(overflowDuringRun), 0);
 }
 
 int main(int argc, char **argv)

@@ -1,9 +1,12 @@
 #!/bin/sh
-# Prints what a program inherits: the environment, the umask, and which signals up to 28 are
-# blocked or ignored. (The C library itself ignores two higher ones.) Starts no process, because a
+# Prints what a program inherits: the environment, open files, the umask, and which signals up to 28
+# are blocked or ignored. (The C library itself ignores two higher ones.) Starts no process, because a
 # test limits the user's number of processes.
 unset _
 export -p
+for file in /proc/$$/fd/[3-9]; do
+    echo "${file##*/}"
+done
 while read -r field value _; do
     case $field in
     Umask:) echo "$field $value" ;;
