@@ -140,7 +140,7 @@ int CopyBytes(int in, int out, uint64_t size)
             // The files share their blocks now. None has been read, and one may be unreadable. If lseek() fails, which
             // it may on a network, everything is written.
             shared = std::max<off_t>(0, lseek(out, 0, SEEK_END));
-        } else if (errno == EOPNOTSUPP) {
+        } else if (errno == EOPNOTSUPP || errno == EXDEV) {
             // Not after another error: where blocks can be shared, this call shares them too, and nothing is read.
             while (copy_file_range(in, nullptr, out, nullptr, size, 0) > 0) {
             }
