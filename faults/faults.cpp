@@ -30,59 +30,18 @@ const std::map<Fault, std::string> kFaultNames = {
 
 constexpr long kIoError = -EIO; // as the kernel returns it
 
-// From linux/fs.h and linux/btrfs.h, which cannot be included together with sys/mount.h.
-constexpr unsigned long kShareBlocks = _IOW(0x94, 9, int);         // FICLONE
-constexpr unsigned long kStartCommit = _IOR(0x94, 24, uint64_t);   // BTRFS_IOC_START_SYNC
-constexpr unsigned long kWaitForCommit = _IOW(0x94, 22, uint64_t); // BTRFS_IOC_WAIT_SYNC
+constexpr unsigned long kShareBlocks = _IOW(0x94, 9, int); // FICLONE
 
 // The calls at which a fault can be caused, each with the number of its argument that is a path;
 // -1 - N: argument N is a descriptor.
-const std::map<uint64_t, int> kChangingCalls = {
-    {SYS_openat, 1}, {SYS_rename, 0}, {SYS_unlink, 0},  {SYS_rmdir, 0},  {SYS_mkdir, 0},
-    {SYS_write, -1}, {SYS_fsync, -1}, {SYS_syncfs, -1}, {SYS_ioctl, -1}, {SYS_copy_file_range, -3}};
-const std::map<uint64_t, int> kReadingCalls = {
-    {SYS_openat, 1}, {SYS_newfstatat, 1},  {SYS_statx, 1},  {SYS_access, 0},
-    {SYS_read, -1},  {SYS_getdents64, -1}, {SYS_fcntl, -1}, {SYS_close, -1}};
-
-// A file system for the home. It is made in the image "disks/live", which is mounted at "disk".
-struct FileSystem {
-    std::string name;
-    std::string needs; // commands and files
-    std::string make;
-    std::string mount;
-    std::string mountHome; // mounts the folder "disk/home" at "home"
-};
-
-const std::string kMountExt4 = "mount -o loop,noauto_da_alloc disks/live disk";
-const std::string kBind = "mount --bind disk/home home";
-
-// Without auto_da_alloc, ext4 does not help programs that forget to flush. XFS refuses a copy of an
-// image that was mounted without nouuid, btrfs while it remembers the image.
-const FileSystem kExt4 = {"ext4", "mkfs.ext4", "truncate -s 8M disks/live; mkfs.ext4 -q -F -m 0",
-                          kMountExt4, kBind};
-const FileSystem kBtrfs = {"btrfs", "mkfs.btrfs btrfs",
-                           "truncate -s 256M disks/live; mkfs.btrfs -q",
-                           "btrfs device scan -u; mount -o loop disks/live disk", kBind};
-const FileSystem kXfs = {"XFS", "mkfs.xfs", "truncate -s 320M disks/live; mkfs.xfs -q",
-                         "mount -o loop,nouuid disks/live disk", kBind};
-// Its app folder is in the lower layer, so it cannot be renamed. On a full disk, overlay would be
-// mounted read-only; therefore some room is spared until it is mounted.
-const FileSystem kOverlay = {
-    "overlay", "mkfs.ext4", kExt4.make, kMountExt4,
-    "mkdir -p disk/work; rm -f disk/spared; mount -t overlay none home "
-    "-o redirect_dir=off,lowerdir=disk/home,upperdir=disk/upper,workdir=disk/work; "
-    "head -c 64K /dev/zero >disk/spared 2>&- || true"};
-const FileSystem kMergerfs = {"mergerfs", "mkfs.ext4 mergerfs /dev/fuse", kExt4.make, kMountExt4,
-                              "mergerfs -o allow_other,minfreespace=0 disk/home:disk/upper home"};
-const FileSystem kGocryptfs = {
-    "gocryptfs", "mkfs.ext4 gocryptfs /dev/fuse", kExt4.make, kMountExt4,
-    "cipher=\"-q -extpass echo -extpass x disk/upper\"; "
-    "[ -e disk/upper/gocryptfs.conf ] || gocryptfs -init -scryptn 10 $cipher; "
-    "gocryptfs -nosyslog -allow_other $cipher home; [ -e home/.Brimlock ] || cp -a disk/home/. "
-    "home"};
-const FileSystem kNtfs = {"ntfs-3g", "mkntfs ntfs-3g /dev/fuse",
-                          "truncate -s 32M disks/live; mkntfs -q -F",
-                          "mount -t ntfs-3g -o loop,permissions disks/live disk 2>&-", kBind};
+const std::map<uint64_t, int> kCalls = {
+    {SYS_openat, 1},          {SYS_rename, 0},     {SYS_unlink, 0}, {SYS_rmdir, 0},
+    {SYS_mkdir, 0},           {SYS_write, -1},     {SYS_fsync, -1}, {SYS_syncfs, -1},
+    {SYS_ioctl, -1},          {SYS_newfstatat, 1}, {SYS_statx, 1},  {SYS_access, 0},
+    {SYS_read, -1},           {SYS_fcntl, -1},     {SYS_close, -1}, {SYS_getdents64, -1},
+    {SYS_copy_file_range, -3}};
+const std::set<uint64_t> kReadingCalls = {SYS_newfstatat, SYS_statx, SYS_access,    SYS_read,
+                                          SYS_fcntl,      SYS_close, SYS_getdents64};
 
 // What must be true after a start. For the last two, the client must also have been started from a
 // complete copy.
@@ -91,26 +50,51 @@ enum Expected { EXITS, OLD_OR_NEW_COPY, NEW_COPY_ALONE };
 // A start in which faults are caused.
 struct Flow {
     std::string name;
-    const FileSystem &fileSystem;
-    std::string state;  // what the home holds, see Prepare()
-    std::string record; // not "": a start was killed before, when the journal held this for a while
+    std::string state;  // the state of the home, see prepare.sh
+    std::string record; // if not "", a start was killed when the journal held this
     bool isPackageBroken;
     Expected expected; // until a start without a fault has been made
+};
+const Flow kFlows[] = {
+    {"an upgrade", "upgrade", "", false, OLD_OR_NEW_COPY},
+    {"a failing upgrade", "upgrade", "", true, OLD_OR_NEW_COPY},
+    {"a first install", "none", "", false, EXITS},
+    {"recovery in mid-move", "upgrade", "state=moving", false, OLD_OR_NEW_COPY},
+    {"recovery in mid-copy", "upgrade", "state=copying", false, OLD_OR_NEW_COPY},
+    {"recovery after the copy", "stale", "state=installed", false, OLD_OR_NEW_COPY},
+    {"an upgrade beside a stale backup", "stale", "", false, OLD_OR_NEW_COPY},
+    {"a failing upgrade beside it", "stale", "", true, OLD_OR_NEW_COPY},
+    {"a first install that was cut", "none", "state=copying", false, EXITS}};
+
+// A file system of the home, see home.sh, with the number of flows that it gets.
+struct Home {
+    std::string name;
+    size_t flows;
     std::vector<Fault> faults;
 };
+const Home kHomes[] = {
+    {"ext4",
+     std::size(kFlows),
+     {KILL, POWER_CUT, POWER_CUT_AFTER_COMMIT, IO_ERROR, FULL_DISK, SECOND_LAUNCHER}},
+    {"overlay", 5, {KILL, POWER_CUT, IO_ERROR, FULL_DISK}},
+    {"btrfs", 3, {KILL, POWER_CUT, POWER_CUT_AFTER_COMMIT, IO_ERROR}},
+    {"XFS", 3, {KILL, POWER_CUT, POWER_CUT_AFTER_COMMIT}},
+    {"gocryptfs", 3, {KILL}},
+    {"mergerfs", 3, {KILL}},
+    {"ntfs-3g", 3, {KILL}}};
 
 struct Outcome {
     int status = 0;
-    std::vector<std::string> journals; // at each call at which the fault could be caused
-    pid_t failing = 0;                 // the thread whose call fails, until it has failed
-    pid_t second = 0;                  // another launcher
-    std::string hit;                   // the call at which the fault was caused, "" for none
+    int calls = 0;     // the number of calls at which the fault could be caused
+    pid_t failing = 0; // the thread whose call fails, until it has failed
+    pid_t second = 0;  // another launcher; each starts a client
+    std::string hit;   // the call at which the fault was caused, "" for none
 };
 
 const std::string work = fs::current_path();
 const std::string app = "home/.Brimlock/Brimlock.app";
 const std::string package = "opt/package/larkspire";
-const FileSystem *mounted = nullptr;
+std::string mounted; // the name of a file system
 std::mt19937 randomNumbers;
 
 std::set<std::string> oldCopy;
@@ -165,47 +149,31 @@ void Unmount()
     }
 }
 
-std::string MountFolders()
+std::string HomeScript(const std::string &arguments)
 {
-    return "mount --bind disk/package opt/package; " + mounted->mountHome;
+    return "sh " BRIMLOCK_FAULTS "/home.sh " + mounted + " " + arguments + " 2>home.log";
 }
 
-// Gives the state of the home and of the package a name.
+// Gives the state of the home and of the package a name. Load() restores it.
 void Save(const std::string &name)
 {
     Unmount();
-    Shell("cp --sparse=always disks/live disks/" + name + "; " + mounted->mount + "; " +
-          MountFolders());
+    Shell("cp --sparse=always disks/live disks/" + name + "; " + HomeScript("mount"));
 }
 
-// Restores a state.
 void Load(const std::string &name)
 {
     Unmount();
-    Shell("rm -f disks/live; cp --sparse=always disks/" + name + " disks/live; " + mounted->mount +
-          "; " + MountFolders());
+    Shell("rm -f disks/live; cp --sparse=always disks/" + name + " disks/live; " +
+          HomeScript("mount"));
 }
 
-// Makes a home. Returns "", or what is missing for this file system.
-std::string MakeHome(const FileSystem &fileSystem, const std::string &state)
+// Returns false if this file system is not possible here; home.log says why.
+bool MakeHome(const std::string &fileSystem, const std::string &state)
 {
-    std::istringstream needs(fileSystem.needs);
-    for (std::string name; needs >> name;) {
-        if (!Try("[ -e " + name + " ] || command -v " + name + " >/dev/null")) {
-            return "no " + name;
-        }
-    }
     Unmount();
-    mounted = &fileSystem;
-    // A first install has room for one client.
-    const bool isMade =
-        Try("rm -f disks/live; " + mounted->make + " disks/live >/dev/null 2>&1; " +
-            mounted->mount + "; mkdir disk/home disk/upper; cp -a opt/package disk; cp -a states/" +
-            state + "/. disk/home; chown 65534:65534 disk/home disk/upper; [ " + state +
-            " != none ] || { head -c 9M /dev/zero >disk/ballast || truncate -s -100K disk/ballast; "
-            "} 2>&-; " +
-            MountFolders());
-    return isMade ? "" : "cannot be mounted";
+    mounted = fileSystem;
+    return Try(HomeScript("make " + state));
 }
 
 // The path that a system call uses, if the fault is caused at this call; else "". The path must be
@@ -218,11 +186,10 @@ std::string TargetOf(pid_t thread, const __ptrace_syscall_info &info, Fault faul
 
     const auto number = info.entry.nr;
     const bool isReading =
-        kChangingCalls.count(number) == 0 ||
+        kReadingCalls.count(number) == 1 ||
         (number == SYS_openat && (info.entry.args[2] & (O_CREAT | O_TRUNC)) == 0);
-    const auto &calls = isReading ? kReadingCalls : kChangingCalls;
-    const auto call = calls.find(number);
-    if (info.op != PTRACE_SYSCALL_INFO_ENTRY || call == calls.end() ||
+    const auto call = kCalls.find(number);
+    if (info.op != PTRACE_SYSCALL_INFO_ENTRY || call == kCalls.end() ||
         (isReading && fault != IO_ERROR) ||
         (number == SYS_ioctl && info.entry.args[1] != kShareBlocks)) {
         return "";
@@ -267,13 +234,8 @@ pid_t SpawnLauncher(bool isTraced)
 void Cause(Fault fault, pid_t launcher, pid_t thread, uint64_t call, Outcome &outcome)
 {
     switch (fault) {
-    case POWER_CUT_AFTER_COMMIT: {
-        Shell("touch home; sync home");
-        const int fd = open("home", O_RDONLY | O_CLOEXEC); // these fail on other file systems
-        ioctl(fd, kStartCommit, nullptr);
-        ioctl(fd, kWaitForCommit, nullptr);
-        close(fd);
-    }
+    case POWER_CUT_AFTER_COMMIT: // the second way is for btrfs
+        Shell("touch home; sync home; btrfs subvolume create disk/new >/dev/null 2>&1 || true");
         [[fallthrough]];
     case POWER_CUT:
         Shell("cp --sparse=always disks/live disks/cut");
@@ -289,7 +251,7 @@ void Cause(Fault fault, pid_t launcher, pid_t thread, uint64_t call, Outcome &ou
     }
     case FULL_DISK: // with room for some pages
         Shell("head -c 9M /dev/zero >disk/fill 2>&- && exit 1; truncate -s -" +
-              std::to_string((outcome.journals.size() - 1) % 8 * 4) + "K disk/fill");
+              std::to_string(outcome.calls % 8 * 4) + "K disk/fill");
         return;
     case SECOND_LAUNCHER:
         outcome.second = SpawnLauncher(false);
@@ -316,12 +278,9 @@ Outcome Start(bool isPackageBroken, Fault fault = KILL, int target = -1)
         __ptrace_syscall_info info = {};
         ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info);
         const std::string path = TargetOf(thread, info, fault);
-        if (!path.empty()) {
-            outcome.journals.push_back(ReadFile("home/.Brimlock/upgrade.journal"));
-            if (static_cast<int>(outcome.journals.size()) == target + 1) {
-                outcome.hit = "system call " + std::to_string(info.entry.nr) + " on " + path;
-                Cause(fault, launcher, thread, info.entry.nr, outcome);
-            }
+        if (!path.empty() && outcome.calls++ == target) {
+            outcome.hit = "system call " + std::to_string(info.entry.nr) + " on " + path;
+            Cause(fault, launcher, thread, info.entry.nr, outcome);
         } else if (info.op == PTRACE_SYSCALL_INFO_EXIT && outcome.failing == thread) {
             outcome.failing = 0;
             ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, rax), kIoError);
@@ -374,37 +333,36 @@ void Check(const std::string &what, const Outcome &start, Expected expected)
     }
 }
 
-// Makes the home with which a flow begins. Returns "", or what is missing for that.
-std::string Begin(const Flow &flow)
+// Saves the home with which a flow begins. Returns false if that is not possible here.
+bool Begin(const std::string &fileSystem, const Flow &flow)
 {
-    std::string missing = MakeHome(flow.fileSystem, flow.state);
-    if (missing.empty() && !flow.record.empty()) {
-        std::vector<int> calls; // those that are made while the journal holds the record
-        const auto journals = Start(false).journals;
-        for (size_t call = 0; call < journals.size(); ++call) {
-            if (CountOf(journals[call], flow.record) == 1) {
-                calls.push_back(static_cast<int>(call));
-            }
-        }
-        MakeHome(flow.fileSystem, flow.state);
-        const Outcome before = Start(false, KILL, calls.at(calls.size() / 2));
-        Check(flow.name + ", the start before", before, flow.expected);
+    if (!MakeHome(fileSystem, flow.state)) {
+        const std::string log = ReadFile("home.log"); // its last line says what is missing
+        EndRow(fileSystem + ": NOT MADE, " + log.substr(log.rfind('\n', log.size() - 2) + 1));
+        return false;
     }
-    return missing;
+    // Kills starts at later and later calls, until the journal was met with the record three times.
+    for (int call = 0, met = 0; !flow.record.empty() && met < 3; call += 4) {
+        MakeHome(fileSystem, flow.state);
+        Check(flow.name, Start(false, KILL, call), flow.expected);
+        met += CountOf(ReadFile("home/.Brimlock/upgrade.journal"), flow.record);
+    }
+    Save("begin");
+    return true;
 }
 
-// One row: causes the fault at every `stride`-th call, beginning with call `first`. After each
-// fault makes a good start, and separately a failing start and then a good one.
-void HitCalls(const Flow &flow, Fault fault, int first, int stride)
+// One row: causes the fault at every `stride`-th call. After each fault makes a good start, and
+// separately a failing start and then a good one.
+void HitCalls(const Flow &flow, Fault fault, int stride)
 {
+    const std::string row = mounted + ": " + flow.name + ", " + kFaultNames.at(fault);
     bool isHit = true;
-    for (int call = first; isHit; call += stride) {
+    for (int call = RandomBelow(stride); isHit; call += stride) {
         Load("begin");
         const Outcome start = Start(flow.isPackageBroken, fault, call);
-        const std::string where = flow.name + ", " + kFaultNames.at(fault) + " at call " +
-                                  std::to_string(call) + ", " + start.hit;
+        const std::string where = row + " at call " + std::to_string(call) + ", " + start.hit;
         isHit = !start.hit.empty();
-        Expect(!start.journals.empty(), where + "no call is made");
+        Expect(start.calls > 0, where + "no call is made");
         Check(where, start, flow.expected);
         Save("hit");
         Shell("rm -f disk/fill");
@@ -414,7 +372,7 @@ void HitCalls(const Flow &flow, Fault fault, int first, int stride)
         Shell("rm -f disk/fill");
         Check(where + ", then that and a good start", Start(false), NEW_COPY_ALONE);
     }
-    EndRow(flow.name + ", " + kFaultNames.at(fault));
+    EndRow(row);
 }
 
 // Two to six starts that are interrupted or fail, then two good ones.
@@ -422,7 +380,7 @@ void RandomSequences(int count)
 {
     for (int sequence = 0; sequence < count; ++sequence) {
         std::string done = "sequence " + std::to_string(sequence);
-        Load(RandomBelow(2) == 0 ? "upgrade" : "stale");
+        MakeHome("ext4", RandomBelow(2) == 0 ? "upgrade" : "stale");
         for (int starts = 2 + RandomBelow(5); starts > 0; --starts) {
             const bool isPackageBroken = RandomBelow(2) == 0;
             const Fault fault = std::array{KILL, POWER_CUT, POWER_CUT_AFTER_COMMIT}[RandomBelow(3)];
@@ -439,7 +397,7 @@ void RandomSequences(int count)
 
 void ReadOnly()
 {
-    Load("stale");
+    MakeHome("ext4", "stale");
     Shell("mount -o remount,ro disk");
     Check("read-only", Start(false), OLD_OR_NEW_COPY);
     Shell("mount -o remount,rw disk");
@@ -451,7 +409,7 @@ void ReadOnly()
 // home, for a lock that is never released.
 void Waits()
 {
-    Load("upgrade");
+    MakeHome("ext4", "upgrade");
     Shell("cp -a home other; install -o 65534 /dev/null other/.Brimlock/upgrade.lock; rm started; "
           "echo \"[ -e $PWD/slept ] || { >$PWD/slept; sleep 62; }\" "
           ">>opt/package/larkspire/package/start-stop");
@@ -476,60 +434,6 @@ void Waits()
     EndRow("a slow start script, and a lock that is not released");
 }
 
-// Creates the package, and the states of the home with which the flows begin.
-void Prepare()
-{
-    Shell("mkdir -p home disk disks states/upgrade/.hidden states/upgrade/.Brimlock/data; "
-          "mount -t tmpfs none disks; ui=bin/brimlock-ui; cd states; "
-          "app=$PWD/upgrade/.Brimlock/Brimlock.app; cd ..; . '" BRIMLOCK_TESTS "/make-clients.sh'; "
-          "mkdir -p $app/lib/.deep; cd states/upgrade; "
-          "echo kept | tee .hidden/file .Brimlock/data/db >$app/only-old; cd ../..; "
-          "head -c 50000 /dev/urandom | tee -a $folder/lib/.deep/data >$app/lib/.deep/data; "
-          "cd states; cp -r upgrade none; rm -r none/.Brimlock/Brimlock.app; "
-          "cp -r none upgraded; cp -r ../$folder upgraded/.Brimlock/Brimlock.app; "
-          "cp -r upgrade stale; cd stale/.Brimlock; cp -r Brimlock.app Brimlock.app_tmp; "
-          "sed -i s/1000/999/ Brimlock.app_tmp/INFO Brimlock.app_tmp/package/start-stop; "
-          "chown -hR 65534:65534 ../../../states");
-    oldCopy = Tree("states/upgrade/.Brimlock/Brimlock.app");
-    newCopy = Tree(package);
-    upgraded = Tree("states/upgraded");
-}
-
-std::vector<Flow> AllFlows()
-{
-    const std::vector<Fault> all = {KILL,     POWER_CUT, POWER_CUT_AFTER_COMMIT,
-                                    IO_ERROR, FULL_DISK, SECOND_LAUNCHER};
-    const std::vector<Fault> cuts = {KILL, POWER_CUT, POWER_CUT_AFTER_COMMIT};
-    const std::vector<Fault> overlay = {KILL, POWER_CUT, IO_ERROR, FULL_DISK};
-    const std::string copying = "state=copying";
-    std::vector<Flow> flows = {
-        {"an upgrade", kExt4, "upgrade", "", false, OLD_OR_NEW_COPY, all},
-        {"an upgrade beside a stale backup", kExt4, "stale", "", false, OLD_OR_NEW_COPY, all},
-        {"a failing upgrade", kExt4, "stale", "", true, OLD_OR_NEW_COPY, all},
-        {"a first install", kExt4, "none", "", false, EXITS, all},
-        {"a first install after a part", kExt4, "none", copying, false, EXITS, all},
-        {"recovery in mid-copy", kExt4, "stale", copying, false, OLD_OR_NEW_COPY, all},
-        {"recovery after the copy", kExt4, "stale", "state=installed", false, OLD_OR_NEW_COPY, all},
-        {"recovery in mid-move", kOverlay, "upgrade", "state=moving", false, OLD_OR_NEW_COPY,
-         overlay},
-        {"recovery in mid-copy", kOverlay, "upgrade", copying, false, OLD_OR_NEW_COPY, overlay}};
-    for (const auto &[fileSystem, faults] :
-         std::vector<std::pair<const FileSystem *, std::vector<Fault>>>{{&kOverlay, overlay},
-                                                                        {&kBtrfs, cuts},
-                                                                        {&kXfs, cuts},
-                                                                        {&kGocryptfs, {KILL}},
-                                                                        {&kMergerfs, {KILL}},
-                                                                        {&kNtfs, {KILL}}}) {
-        flows.push_back({"an upgrade", *fileSystem, "upgrade", "", false, OLD_OR_NEW_COPY, faults});
-        flows.push_back(
-            {"a failing upgrade", *fileSystem, "upgrade", "", true, OLD_OR_NEW_COPY, faults});
-        flows.push_back({"a first install", *fileSystem, "none", "", false, EXITS, faults});
-    }
-    for (Flow &flow : flows) {
-        flow.name = flow.fileSystem.name + ": " + flow.name;
-    }
-    return flows;
-}
 } // namespace
 
 // Runs in a scratch folder with an installation in "opt". Arguments: the stride of HitCalls(), and
@@ -540,37 +444,26 @@ int main(int argc, char **argv)
     const int stride = argc > 1 ? atoi(argv[1]) : 1;
     const auto seed = static_cast<unsigned int>(argc > 2 ? atoi(argv[2]) : time(nullptr));
     randomNumbers.seed(seed);
-    Prepare();
+    Shell("sh " BRIMLOCK_FAULTS "/prepare.sh " BRIMLOCK_TESTS);
+    oldCopy = Tree("states/upgrade/.Brimlock/Brimlock.app");
+    newCopy = Tree(package);
+    upgraded = Tree("states/upgraded");
     printf("Stride %d, seed %u.\n\n", stride, seed);
     printf("| what is done to the launcher | passed | failed |\n|---|---|---|\n");
-    for (const Flow &flow : AllFlows()) {
-        const std::string missing = Begin(flow);
-        if (missing.empty()) {
-            Save("begin");
-        }
-        for (const Fault fault : flow.faults) {
-            const int first = RandomBelow(stride);
-            if (missing.empty()) {
-                HitCalls(flow, fault, first, stride);
-            } else {
-                EndRow(flow.name + ", " + kFaultNames.at(fault) + ": NOT MADE, " + missing);
+    for (const Home &home : kHomes) {
+        for (size_t flow = 0; flow < home.flows && Begin(home.name, kFlows[flow]); ++flow) {
+            for (const Fault fault : home.faults) {
+                HitCalls(kFlows[flow], fault, stride);
             }
         }
-    }
-    for (const std::string state : {"upgrade", "stale"}) {
-        MakeHome(kExt4, state);
-        Save(state);
     }
     RandomSequences(stride > 1 ? 20 : 240);
     ReadOnly();
     Waits();
-    for (const auto &calls : {kChangingCalls, kReadingCalls}) {
-        for (const auto &[number, argument] : calls) {
-            Expect(callsMet.count(number) == 1,
-                   "system call " + std::to_string(number) + " is never made");
-        }
+    for (const auto &[number, argument] : kCalls) {
+        Expect(callsMet.count(number) == 1, std::to_string(number) + " is never called");
     }
-    EndRow("the calls of the tables");
+    EndRow("every call of the table is made");
     printf("%d passed, %d failed\n", checks[true], checks[false]);
     return checks[false] == 0 && checks[true] > 0 ? 0 : 1;
 }
