@@ -13,13 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "appfolder/log-component.h"
 #include "fileop/scoped-fd.h"
 #include "log/log.h"
 #include "service/linux/signal-settings.h"
 
 namespace
 {
-const std::string kComponent = "service_debug";
 constexpr int kMillisecondsPerSecond = 1000;
 
 // While the object lives, this process ignores the signals that the child must ignore: posix_spawn() itself can only
@@ -94,7 +94,7 @@ void RunStartScript(const std::string &script, const std::function<void()> &onSl
     pid_t child = 0;
     const int error = Spawn(script, child);
     if (error == EAGAIN || error == ENOMEM) {
-        LOGGER_ERROR(kComponent, "no process for '%s': %s (%d)\n", script.c_str(), strerror(error), error);
+        LOGGER_ERROR(kServiceComponent, "no process for '%s': %s (%d)\n", script.c_str(), strerror(error), error);
     }
     if (error != 0) {
         return;
@@ -105,8 +105,9 @@ void RunStartScript(const std::string &script, const std::function<void()> &onSl
     if (handle.valid()) {
         pollfd event = {handle.get(), POLLIN, 0};
         if (poll(&event, 1, warningMilliseconds) == 0) {
-            LOGGER_WARNING(kComponent, "'%s start' has not returned for %d s; until it does, no launcher starts\n",
-                           script.c_str(), warningMilliseconds / kMillisecondsPerSecond);
+            LOGGER_WARNING(kServiceComponent,
+                           "'%s start' has not returned for %d s; until it does, no launcher starts\n", script.c_str(),
+                           warningMilliseconds / kMillisecondsPerSecond);
             onSlow();
         }
     }
