@@ -113,11 +113,12 @@ inline void BecomeUnprivileged()
     }
 }
 
-// Creates a scratch folder that every user may write to, and logs all levels to a file in it.
-class ScratchTest : public testing::Test
+// A folder that every user may write to, with a log file of all levels in it. The destructor
+// removes the folder.
+class ScratchFolder
 {
-protected:
-    ScratchTest()
+public:
+    ScratchFolder()
     {
         std::string name =
             "/tmp/brimlock t\xc3\xabst-XXXXXX"; // blank and accent, as a home folder may have
@@ -128,7 +129,7 @@ protected:
         StartLog();
     }
 
-    ~ScratchTest() override
+    ~ScratchFolder()
     {
         Logger::Destroy();
         Shell("chmod -R u+rwX . || true; rm -rf \"$PWD\""); // not FSRemove(), which is under test
@@ -173,6 +174,10 @@ protected:
     std::string Path(const std::string &name) const { return scratch / name; }
 
     fs::path scratch;
+};
+
+class ScratchTest : public testing::Test, protected ScratchFolder
+{
 };
 
 #endif
