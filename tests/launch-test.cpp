@@ -15,7 +15,7 @@ const std::string kVariables =
     "L=opt/bin/launcher INFO=opt/INFO LEVELS=opt/log/launcher.debug PACKAGE=opt/package/larkspire "
     "SCRIPT=$PACKAGE/package/start-stop GATE=$PACKAGE/gate BASE=home/.Brimlock "
     "APP=$BASE/Brimlock.app PIDFILE=$BASE/ui.pid LOG=$BASE/log/launcher.log "
-    "SURROUNDINGS='" BRIMLOCK_TESTS "/surroundings.sh'\n";
+    "SURROUNDINGS=./surroundings.sh\n";
 const std::string kDisplays = "/tmp/.X11-unix/X"; // the socket of display 0 is this and "0"
 constexpr int kSlackSeconds = 14;                 // for a slow machine
 
@@ -74,11 +74,13 @@ class StagedStart : public ScratchFolder
 public:
     explicit StagedStart(const Case &toStart = {}) : c(toStart)
     {
-        Shell("cp -R '" BRIMLOCK_INSTALLED "' opt; app=$APP ui=bin/brimlock-ui;"
+        // The checkout may be in a home that only root may enter.
+        Shell("install -m 644 '" BRIMLOCK_TESTS "/surroundings.sh' .;"
+              "cp -R '" BRIMLOCK_INSTALLED "' opt; app=$APP ui=bin/brimlock-ui;"
               ". '" BRIMLOCK_TESTS "/make-clients.sh'; printf '%9000d' 1 >$PACKAGE/large;"
               "printf 'launcher_debug=7\nservice_debug=7\nfile_op_debug=4\n' >$LEVELS;"
               "for script in $APP/package/start-stop $SCRIPT; do"
-              "  echo \". '$SURROUNDINGS' >'$PWD/inherited'\" >>$script; done");
+              "  echo \". '$PWD/surroundings.sh' >'$PWD/inherited'\" >>$script; done");
         oldCopy = Tree(app);
     }
 
