@@ -22,30 +22,27 @@ public:
     const std::string archive = RegisteredPath(path_key::kRootResource, "/package/larkspire.vpk");
 };
 
-class LauncherTest : public InstallTest
+// The launcher's window. There is no other.
+ProcessingProgressDialog *Window()
 {
-protected:
-    LauncherTest() { FindDialog(); }
-
-    void FindDialog()
-    {
-        for (QWidget *widget : QApplication::topLevelWidgets()) {
-            auto *const found = qobject_cast<ProcessingProgressDialog *>(widget);
-            dialog = found != nullptr ? found : dialog;
-        }
+    ProcessingProgressDialog *window = nullptr;
+    for (QWidget *widget : QApplication::topLevelWidgets()) {
+        auto *const found = qobject_cast<ProcessingProgressDialog *>(widget);
+        window = found != nullptr ? found : window;
     }
+    return window;
+}
 
-    std::unique_ptr<Launcher> launcher =
-        std::make_unique<Launcher>(std::make_unique<ExtractingService>());
-    ProcessingProgressDialog *dialog = nullptr;
-};
+using LauncherTest = InstallTest;
 } // namespace
 
-TEST_F(LauncherTest, TheWindowCountsInPercentAndCannotBeCancelled)
+TEST_F(LauncherTest, TheWindowIsNotModalAndCannotBeClosed)
 {
     const std::pair<const char *, const char *> properties[] = {
 #include "tests/window-cases.inc"
     };
+    Launcher launcher;
+    ProcessingProgressDialog *const dialog = Window();
     for (const auto &[name, value] : properties) {
         EXPECT_EQ(dialog->property(name).toString().toStdString(), value) << name;
     }
@@ -56,7 +53,7 @@ TEST_F(LauncherTest, TheWindowCountsInPercentAndCannotBeCancelled)
     EXPECT_EQ(dialog->windowFlags() & ~Qt::WindowType_Mask,
               Qt::WindowTitleHint | Qt::WindowSystemMenuHint);
     EXPECT_EQ(dialog->findChildren<QPushButton *>().size(), 0);
-    launcher->ShowMsgBox();
+    launcher.ShowMsgBox();
     dialog->close(); // as the window manager requests it
     EXPECT_TRUE(dialog->isVisible());
 }
@@ -76,9 +73,8 @@ TEST_F(LauncherTest, AStartReachesTheWindowAndTheClient)
 #include "tests/window-start-cases.inc"
     };
     for (const auto &[pack, expected, started] : cases) {
-        launcher.reset();
-        launcher = std::make_unique<Launcher>(std::make_unique<ExtractingService>());
-        FindDialog();
+        Launcher launcher(std::make_unique<ExtractingService>());
+        ProcessingProgressDialog *const dialog = Window();
         std::string shown;
         const auto note = [&](int value) {
             shown += dialog->isVisible() ? "" : "hidden: ";
@@ -88,28 +84,29 @@ TEST_F(LauncherTest, AStartReachesTheWindowAndTheClient)
         Shell("rm -rf base opt started; . '" BRIMLOCK_TESTS "/make-clients.sh';"
               "cd opt/package/larkspire; " +
               std::string(pack));
-        launcher->Run();
-        launcher->Start();
+        launcher.Run();
+        launcher.Start();
         EXPECT_EQ(QApplication::exec(), 0);
         EXPECT_FALSE(dialog->isVisible());
-        EXPECT_EQ(shown + dialog->labelText().toStdString(), expected);
-        EXPECT_EQ(ReadFile(Path("started")), started);
+        EXPECT_EQ(shown + dialog->labelText().toStdString(), expected) << pack;
+        EXPECT_EQ(ReadFile(Path("started")), started) << pack;
     }
 }
 
 TEST(RunKeeperTest, GivesTheDisplayTenSecondsAndTheEndOfTheProcessThree)
 {
-    const auto secondsLeft = [](void (*later)()) {
-        static const RunKeeper keeper;
-        later();
-        return static_cast<int>(alarm(0)); // rounded to the nearest second
+    const auto secondsLeft = [](bool makesRun) {
+        return InChild([&] {
+            static const RunKeeper keeper;
+            if (makesRun) {
+                RunKeeper::RunBegins();
+                RunKeeper::RunEnds();
+            }
+            return static_cast<int>(alarm(0)); // rounded to the nearest second
+        });
     };
-    EXPECT_EQ(InChild([&] { return secondsLeft([] {}); }), 10);
-    const auto makeRun = [] {
-        RunKeeper::RunBegins();
-        RunKeeper::RunEnds();
-    };
-    EXPECT_EQ(InChild([&] { return secondsLeft(makeRun); }), 3);
+    EXPECT_EQ(secondsLeft(false), 10);
+    EXPECT_EQ(secondsLeft(true), 3);
 }
 
 int main(int argc, char **argv)

@@ -28,22 +28,6 @@ protected:
 };
 } // namespace
 
-TEST_F(ServiceTest, AVersionFileChangesOnlyWhatItHolds)
-{
-    service.PreUpgrade();
-    WriteFile(Path("opt/INFO"), "[Other]\nminor_version=9\n[Version]\n"
-                                "major_version=5\nicon_overlay_version=3\n");
-    Shell("cd base/app; mv INFO large; truncate -s 2M large; ln -s large INFO"); // too large
-    service.PreUpgrade();
-    LinuxService().LoadSourceVerInfo();
-    Shell("grep _version log >versions");
-    EXPECT_EQ(PlainLog("versions"), "[INFO] cloud-service.cpp: target_version = (1, 2, 1001, )\n"
-                                    "[INFO] cloud-service.cpp: source_version = (1, 2, 1000, )\n"
-                                    "[INFO] cloud-service.cpp: target_version = (5, 2, 1001, 3)\n"
-                                    "[INFO] cloud-service.cpp: source_version = (1, 2, 1000, )\n"
-                                    "[INFO] cloud-service.cpp: source_version = (, , , )\n");
-}
-
 TEST_F(ServiceTest, StopsTheClientButNoOtherProcessWithItsId)
 {
     struct Client {

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -75,14 +74,13 @@ inline pid_t Spawn(const std::function<int()> &body)
 // not end in time, the test fails and the process is killed.
 inline int Wait(pid_t child, int milliseconds = kWaitMilliseconds)
 {
-    pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-    if (ended.fd >= 0 && poll(&ended, 1, milliseconds) == 0) {
-        ADD_FAILURE() << "process " << child << " does not end";
-        kill(child, SIGKILL);
-    }
-    close(ended.fd);
     int status = 0;
-    waitpid(child, &status, 0);
+    for (; waitpid(child, &status, WNOHANG) == 0; usleep(1000)) {
+        if (milliseconds-- == 0) {
+            ADD_FAILURE() << "process " << child << " does not end";
+            kill(child, SIGKILL);
+        }
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
