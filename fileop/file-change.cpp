@@ -25,12 +25,13 @@ constexpr uint64_t kKernelCopyBytes = 32 * 1024; // for a smaller file the two s
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kNewFolderMode = 0777;
 
-struct DirCloser {
+struct DirDeleter {
     void operator()(DIR *dir) const { closedir(dir); }
 };
-using ScopedDir = std::unique_ptr<DIR, DirCloser>;
+using ScopedDir = std::unique_ptr<DIR, DirDeleter>;
 
-bool IsFolder(const std::string &path)
+// Follows links.
+bool LeadsToFolder(const std::string &path)
 {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -43,7 +44,7 @@ bool MakeFolder(const std::string &path)
         return true;
     }
     const int mkdirErrno = errno;
-    if (mkdirErrno == EEXIST && IsFolder(path)) {
+    if (mkdirErrno == EEXIST && LeadsToFolder(path)) {
         return true;
     }
     errno = mkdirErrno;
