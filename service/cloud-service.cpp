@@ -66,6 +66,13 @@ bool IsFolder(const DIR_ENTRY &entry, const std::string &path)
     return GetFileInfo(path, info) == 0 && info.type == FS_TYPE_DIR;
 }
 
+// Copies an entry that is not a folder. Its mode is read only once.
+int CopyEntry(const std::string &src, const std::string &dst, SourceSnapshot *snapshot)
+{
+    const SourceSnapshot::Status status = snapshot != nullptr ? snapshot->Add(src) : SourceSnapshot::Status();
+    return status.size < 0 ? FSCopy(src, dst, false, true)
+                           : FSCopyWithMode(src, dst, status.mode, static_cast<uint64_t>(status.size));
+}
 } // namespace
 
 bool IsUOSDesktop()
@@ -176,10 +183,7 @@ int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnap
         const std::string from = src + "/" + entry.name;
         const std::string to = dst + "/" + entry.name;
         const bool isFolder = IsFolder(entry, from);
-        if (snapshot != nullptr && !isFolder) {
-            snapshot->Add(from);
-        }
-        const int result = isFolder ? CopyTree(from, to, snapshot) : FSCopy(from, to, false, true);
+        const int result = isFolder ? CopyTree(from, to, snapshot) : CopyEntry(from, to, snapshot);
         if (result < 0) {
             LOGGER_ERROR(kComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", from.c_str(), to.c_str());
             return -1;

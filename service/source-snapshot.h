@@ -28,19 +28,21 @@ private:
 class SourceSnapshot
 {
 public:
-    // To be called before the entry is read. For a symbolic link the file that it points to is added too. An entry that
-    // is missing, or whose status cannot be read, is added as such. `path` is absolute.
-    void Add(const std::string &path);
-
-    // Reads the status of all entries again and compares.
-    bool HasChanged() const;
-
-private:
     struct Status {
         mode_t mode = 0;
         off_t size = -1; // in bytes; -1 when the status could not be read
         timespec changed = {};
     };
+
+    // To be called before the entry is read. For a symbolic link the file that it points to is added too. An entry that
+    // is missing, or whose status cannot be read, is added as such. `path` is absolute. Returns the status of the entry
+    // itself, as lstat() gives it.
+    Status Add(const std::string &path);
+
+    // Reads the status of all entries again and compares.
+    bool HasChanged() const;
+
+private:
     struct Entry {
         std::string path;
         bool is_followed; // the entry is what the link `path` points to
