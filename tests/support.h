@@ -12,7 +12,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -75,14 +74,13 @@ inline pid_t Spawn(const std::function<int()> &body)
 // not end in time, the test fails and the process is killed.
 inline int Wait(pid_t child, int milliseconds = kWaitMilliseconds)
 {
-    pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-    if (ended.fd >= 0 && poll(&ended, 1, milliseconds) == 0) {
-        ADD_FAILURE() << "process " << child << " does not end";
-        kill(child, SIGKILL);
-    }
-    close(ended.fd);
     int status = 0;
-    waitpid(child, &status, 0);
+    for (; waitpid(child, &status, WNOHANG) == 0; usleep(1000)) {
+        if (milliseconds-- == 0) {
+            ADD_FAILURE() << "process " << child << " does not end";
+            kill(child, SIGKILL);
+        }
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -113,11 +111,12 @@ inline void BecomeUnprivileged()
     }
 }
 
-// Creates a scratch folder that every user may write to, and logs all levels to a file in it.
-class ScratchTest : public testing::Test
+// A folder that every user may write to, with a log file of all levels in it. The destructor
+// removes the folder.
+class ScratchFolder
 {
-protected:
-    ScratchTest()
+public:
+    ScratchFolder()
     {
         std::string name =
             "/tmp/brimlock t\xc3\xabst-XXXXXX"; // blank and accent, as a home folder may have
@@ -128,7 +127,7 @@ protected:
         StartLog();
     }
 
-    ~ScratchTest() override
+    ~ScratchFolder()
     {
         Logger::Destroy();
         Shell("chmod -R u+rwX . || true; rm -rf \"$PWD\""); // not FSRemove(), which is under test
@@ -173,6 +172,10 @@ protected:
     std::string Path(const std::string &name) const { return scratch / name; }
 
     fs::path scratch;
+};
+
+class ScratchTest : public testing::Test, protected ScratchFolder
+{
 };
 
 #endif
