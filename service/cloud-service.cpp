@@ -48,20 +48,20 @@ void LoadVersion(const char *name, const std::string &path, Service::VersionInfo
                 version.minor_version.c_str(), version.build_version.c_str(), version.icon_overlay_version.c_str());
 }
 
-class DirCloser
+class DirHandleCloser
 {
 public:
-    explicit DirCloser(DIR_HANDLE &opened) : handle(opened) {}
-    ~DirCloser() { FSCloseDir(handle); }
-    DirCloser(const DirCloser &) = delete;
-    DirCloser &operator=(const DirCloser &) = delete;
+    explicit DirHandleCloser(DIR_HANDLE &opened) : handle(opened) {}
+    ~DirHandleCloser() { FSCloseDir(handle); }
+    DirHandleCloser(const DirHandleCloser &) = delete;
+    DirHandleCloser &operator=(const DirHandleCloser &) = delete;
 
 private:
     DIR_HANDLE &handle;
 };
 
 // Some file systems do not report the type of an entry when the folder is read.
-bool IsFolder(const DIR_ENTRY &entry, const std::string &path)
+bool IsFolderEntry(const DIR_ENTRY &entry, const std::string &path)
 {
     if (entry.type != FS_TYPE_NONE) {
         return entry.type == FS_TYPE_DIR;
@@ -179,7 +179,7 @@ int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnap
     }
 
     DIR_HANDLE handle;
-    const DirCloser closer(handle);
+    const DirHandleCloser closer(handle);
     if (FSOpenDir(src, 0, handle) < 0) {
         // Log readers search for this text with its two blanks.
         LOGGER_WARNING(kServiceComponent, "FSCopyPath: failed to create handle  for src '%s' failed\n", src.c_str());
@@ -206,7 +206,7 @@ int Service::CopyEntry(const DIR_ENTRY &entry, const std::string &src, const std
 {
     const std::string from = src + "/" + entry.name;
     const std::string to = dst + "/" + entry.name;
-    const int result = IsFolder(entry, from) ? CopyTree(from, to, snapshot) : CopyFile(from, to, snapshot);
+    const int result = IsFolderEntry(entry, from) ? CopyTree(from, to, snapshot) : CopyFile(from, to, snapshot);
     if (result < 0) {
         LOGGER_ERROR(kServiceComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", from.c_str(), to.c_str());
         return -1;
