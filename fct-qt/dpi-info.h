@@ -13,7 +13,7 @@ public:
     double getDPI() const;
 
     // The style sheet with its lengths in "px" multiplied by the factor and rounded. A length above 0 becomes at least
-    // 1 px. Text inside url(...) is not changed.
+    // 1 px. Text inside url(...) is not changed, up to the first ")", also when that is quoted.
     QString getScaledStyleSheet(const QString &sheet) const;
 
 private:

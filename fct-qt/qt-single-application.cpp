@@ -201,7 +201,6 @@ QtSingleApplication::QtSingleApplication(int &argc, char **argv, bool GUIenabled
     RestoreEnvironment();
     // Otherwise each window sets up OpenGL, which is slow and crashes if the display disappears meanwhile.
     setAttribute(Qt::AA_ForceRasterWidgets);
-    BindInstanceSocket(instanceSocket);
 }
 
 QtSingleApplication::~QtSingleApplication()

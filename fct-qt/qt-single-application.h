@@ -12,7 +12,8 @@
 // - Qt loads no theme, style or input method that communicates with the desktop by itself: if the desktop does not
 //   answer, these end the process or wait forever.
 // - No warning of Qt is fatal (QT_FATAL_WARNINGS, QT_FATAL_CRITICALS), now or later.
-// RestoreEnvironment() restores the variables for the programs that this process starts.
+// RestoreEnvironment() restores the variables for the programs that this process starts. A base class, so that it is
+// constructed before QApplication.
 class QtEnvironment
 {
 protected:
@@ -30,19 +31,20 @@ private:
 class QtSingleApplication : private QtEnvironment, public QApplication
 {
 public:
-    // Binds the user's instance socket if no other process has it. Without GUIenabled no display is used.
+    // Without GUIenabled no display is used.
     QtSingleApplication(int &argc, char **argv, bool GUIenabled = true);
 
     // Closes the instance socket. The kernel closes it too when the process ends.
     ~QtSingleApplication() override;
 
-    // Whether another process with such an object runs for the same user. Of several that ask at the same time exactly
-    // one gets false. When neither the socket nor the list of processes can be used, it is false: a launcher that runs
-    // twice does less harm than one that never runs.
+    // Whether another process of the same user runs that has got false here. Binds the user's instance socket if no
+    // other process has it. Of several that ask at the same time exactly one gets false. When neither the socket nor
+    // the list of processes can be used, it is false: a launcher that runs twice does less harm than one that never
+    // runs.
     bool isRunning();
 
 private:
-    int instanceSocket = -1; // -1: another process has the address
+    int instanceSocket = -1; // -1: not bound
 };
 
 #endif

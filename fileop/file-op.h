@@ -79,9 +79,10 @@ bool hasFilePermission(const std::string &path, int mode);
 
 // Copies the contents of one file; a link is followed. Times, owner and attributes are not copied, and nothing is
 // flushed to disk. A new `dst` gets, less the umask, the permissions of the source with keepMode (of the link itself,
-// for a link) and 0644 without; an existing `dst` is truncated and keeps its permissions. With removeSource the source
-// is removed after a complete copy. Returns 0; -1: open, stat, read, write or close failed, or the source could not be
-// removed; -2: disk full or over quota. A partly written `dst` stays: the caller has the backup and decides.
+// for a link) and 0644 without; an existing `dst` is truncated and keeps its permissions. With keepMode the kernel
+// copies large files, and lets both share their blocks if the file system can. With removeSource the source is removed
+// after a complete copy. Returns 0; -1: open, stat, read, write or close failed, or the source could not be removed;
+// -2: disk full or over quota. A partly written `dst` stays: the caller has the backup and decides.
 int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bool keepMode);
 
 // Creates the folder, with mode 0777 less the umask. With `recursive` also creates missing ancestors, which may lie

@@ -2,30 +2,33 @@
 #define BRIMLOCK_FILEOP_SCOPED_FD_H
 
 #include <cerrno>
+#include <utility>
 
 #include <unistd.h>
 
 // Owns a file descriptor and closes it on destruction. A negative one, which a failed open() returns, is not closed.
-// The destructor and reset() do not change errno, which may hold the error that the function is about to report.
+// The destructor, reset() and an assignment do not change errno, which may hold the error that the function is about to
+// report.
 class ScopedFd
 {
 public:
+    ScopedFd() = default;
     explicit ScopedFd(int opened) : fd(opened) {}
+    ScopedFd(ScopedFd &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    ScopedFd &operator=(ScopedFd &&other) noexcept
+    {
+        std::swap(fd, other.fd);
+        other.reset();
+        return *this;
+    }
     ~ScopedFd() { reset(); }
-    ScopedFd(const ScopedFd &) = delete;
-    ScopedFd &operator=(const ScopedFd &) = delete;
 
     bool valid() const { return fd >= 0; }
     int get() const { return fd; }
 
     // Closes it now. Returns false with errno set when close() fails: some file systems report a failed write only
     // then.
-    bool Close()
-    {
-        const int closing = fd;
-        fd = -1;
-        return close(closing) == 0;
-    }
+    bool Close() { return close(std::exchange(fd, -1)) == 0; }
 
     // Closes it now.
     void reset()
@@ -39,7 +42,7 @@ public:
     }
 
 private:
-    int fd;
+    int fd = -1;
 };
 
 #endif

@@ -83,7 +83,7 @@ void Worker::HandleServicce()
 Launcher::Launcher() : Launcher(std::make_unique<LinuxService>()) {}
 
 Launcher::Launcher(std::unique_ptr<Service> upgradeService)
-    : worker(std::make_unique<Worker>(std::move(upgradeService))), dialog(std::make_unique<ProcessingProgressDialog>())
+    : dialog(std::make_unique<ProcessingProgressDialog>()), worker(std::make_unique<Worker>(std::move(upgradeService)))
 {
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
@@ -99,12 +99,6 @@ Launcher::Launcher(std::unique_ptr<Service> upgradeService)
     connect(worker.get(), &Worker::sigSetLabelText, this, &Launcher::SetLabelText);
     connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateProgress, this, &Launcher::UpdateProgress);
     connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateDialogText, this, &Launcher::SetLabelText);
-}
-
-Launcher::~Launcher()
-{
-    worker.reset();
-    dialog.reset();
 }
 
 void Launcher::Run()

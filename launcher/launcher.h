@@ -14,7 +14,7 @@ class HandlerThread : public QThread
 {
     Q_OBJECT
 protected:
-    void run() override { exec(); }
+    void run() override { exec(); } // as QThread does; part of the fixed interface
 };
 
 // Upgrades the user's copy if needed and starts the client, on its own thread.
@@ -61,7 +61,6 @@ class Launcher : public QObject
 public:
     Launcher();
     explicit Launcher(std::unique_ptr<Service> upgradeService);
-    ~Launcher() override;
 
     // Run() starts the worker's thread. Start() then makes that thread call HandleServicce() or, if it could not be
     // created, the GUI thread, from its event loop.
@@ -83,9 +82,9 @@ public slots:
     void ShowMsgBox();
 
 private:
-    // The destructor deletes the worker first: until its thread has ended, it may send signals to the window.
-    std::unique_ptr<Worker> worker;
+    // The worker is destroyed first: until its thread has ended, it may send signals to the window.
     std::unique_ptr<ProcessingProgressDialog> dialog;
+    std::unique_ptr<Worker> worker;
 };
 
 #endif

@@ -1,5 +1,7 @@
 #include <clocale>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
@@ -22,7 +24,11 @@
 namespace
 {
 const std::string kComponent = "launcher_debug";
-constexpr int kLogGenerations = 50;
+constexpr int kRotateCount = 50;
+constexpr char kHelp[] =
+    "Usage: brimlock-launcher [--help | --version]\n"
+    "Upgrades your copy of the Brimlock Client if needed, and starts it. See brimlock-launcher(1).\n";
+constexpr char kVersion[] = "brimlock-launcher " BRIMLOCK_VERSION "\n";
 
 QString RegisteredPath(const char *key)
 {
@@ -76,10 +82,10 @@ void initialize_logger()
 {
     const std::string levelFile = (RegisteredPath(path_key::kRootResource) + "/log/launcher.debug").toStdString();
     const QString folder = RegisteredPath(path_key::kUserBrimlock) + "/log";
-    if (!QDir().mkpath(folder)) {
-        return; // without Initialize(), the logger writes errors and warnings to standard error
+    if (!QDir().mkpath(folder)) { // unlike FSMKDir(), it logs nothing
+        return;                   // without Initialize(), the logger writes errors and warnings to standard error
     }
-    Logger::Initialize(Logger::TYPE_FILE, folder.toStdString() + "/launcher.log", levelFile, kLogGenerations,
+    Logger::Initialize(Logger::TYPE_FILE, folder.toStdString() + "/launcher.log", levelFile, kRotateCount,
                        Logger::SCOPE_THREAD);
     LogStartMarker();
     if (Logger::LevelsUnreadable()) {
@@ -100,9 +106,16 @@ void initialize_home()
 
 int main(int argc, char **argv)
 {
+    // All other arguments are ignored.
+    for (const auto &[option, text] : {std::pair("--help", kHelp), std::pair("--version", kVersion)}) {
+        if (argc == 2 && strcmp(argv[1], option) == 0) {
+            fputs(text, stdout);
+            return 0;
+        }
+    }
     thread_local RunKeeper keeper;
     initialize_home();
-    argc = qMin(argc, 1); // the launcher takes no arguments, and Qt must not interpret any either
+    argc = qMin(argc, 1); // Qt must not interpret the arguments either
     QtSingleApplication app(argc, argv, keeper.MayUseDisplay());
     QGuiApplication::setDesktopFileName(QStringLiteral("brimlock-launcher")); // groups the window under its menu entry
     initialize_resources();
@@ -113,7 +126,7 @@ int main(int argc, char **argv)
     }
     if (app.isRunning()) {
         LOGGER_DEBUG(kComponent, "app has already launched, return\n");
-        RunKeeper::RunEnds(); // nothing to do; otherwise the RunKeeper would start over
+        RunKeeper::RunEnds(); // This process makes no run. Without this call, ~RunKeeper() would start over.
         return 0;
     }
     initializeLanguage(app);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <sstream>
 
@@ -19,6 +20,7 @@ constexpr char kMark[] = "BRIMLOCK_LAUNCHER_STARTED_OVER";
 constexpr unsigned int kDisplaySeconds = 10;
 constexpr unsigned int kEndSeconds = 3;
 constexpr useconds_t kPollMicroseconds = 10000;
+constexpr size_t kSignalStackBytes = 64 * 1024;
 constexpr char kCouldNotStart[] = "launcher: could not be started, with the display or without\n";
 
 // None of these may end an upgrade half-way: the end of a session, a write to a pipe that nobody reads, a file that
@@ -33,6 +35,7 @@ std::atomic<State> state{kNoKeeper};
 std::atomic<pid_t> runThread{0};
 char *const *startOverEnvironment = nullptr; // null in a process that has started over
 sigset_t callerBlocked;
+alignas(std::max_align_t) char signalStack[kSignalStackBytes]; // used after a stack overflow of the GUI thread
 
 [[noreturn]] void StartOver()
 {
@@ -73,7 +76,7 @@ void HandleCrash(int number)
     ExitAfterRun();
 }
 
-// The time until the run must begin, or until the process must end after the run, is over.
+// A limit has passed: kDisplaySeconds before the run, or kEndSeconds after it.
 void HandleAlarm(int)
 {
     if (state != kRunning) {
@@ -85,7 +88,7 @@ void SetHandler(int number, void (*handler)(int))
 {
     struct sigaction action = {};
     action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
+    action.sa_flags = SA_RESTART | SA_ONSTACK;
     sigaction(number, &action, nullptr);
 }
 
@@ -142,6 +145,8 @@ RunKeeper::RunKeeper()
         SetHandler(number, SIG_IGN);
     }
     OpenClosedStandardStreams();
+    const stack_t stack = {signalStack, 0, sizeof signalStack};
+    sigaltstack(&stack, nullptr);
     sigset_t handled;
     sigemptyset(&handled);
     sigaddset(&handled, SIGALRM);

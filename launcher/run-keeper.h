@@ -18,8 +18,8 @@ class RunKeeper
 public:
     // Makes the process ignore the signals that would end it (see docs/behaviour.md). Remembers the caller's signal
     // settings for the start script. Unless the process has started over, also unblocks and handles the signals of a
-    // crash, such as SIGSEGV, and starts a timer: if the run has not begun after kDisplaySeconds, the process starts
-    // over.
+    // crash, such as SIGSEGV, and starts a timer: if the run has not begun after 10 s, the process starts over. A stack
+    // overflow is handled on the calling thread only, which is the GUI thread; on another one it ends the process.
     RunKeeper();
 
     // Does not return. If the run has begun, waits for its end and ends the process with status 0. If it has not begun,
@@ -32,8 +32,9 @@ public:
     // False in a process that has started over.
     bool MayUseDisplay() const { return mayUseDisplay; }
 
-    // The thread that makes the run calls these two at its beginning and at its end. After RunEnds() the process ends
-    // within kEndSeconds, even if the display blocks the GUI thread. In a process without a RunKeeper they do nothing.
+    // The thread that makes the run calls RunBegins() at its beginning and RunEnds() at its end. After RunEnds() the
+    // process ends within 3 s, even if the display blocks the GUI thread. In a process without a RunKeeper both do
+    // nothing.
     static void RunBegins();
     static void RunEnds();
     static bool IsRunOver();

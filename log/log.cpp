@@ -59,27 +59,23 @@ int32_t *Logger::log_size = nullptr;
 uint64_t *Logger::log_rotated_count_shared = nullptr;
 uint64_t Logger::log_rotated_count_private = 0;
 
-// init_priority: constructed before and destroyed after all ordinary static objects, so that these may log.
-[[gnu::init_priority(101)]] Logger::InitConfig Logger::config;
-[[gnu::init_priority(101)]] std::string Logger::log_path;
-[[gnu::init_priority(101)]] std::unordered_map<std::string, int> Logger::log_level;
+// The objects of the logger. Their destructors are never called: destructors of static objects, and threads that still
+// run at the end of exit(), may log.
+union Logger::Objects {
+    Objects() : members() { log_fp = stderr; }
+    ~Objects() {}
 
-// Constructed after the three objects above and therefore destroyed before them. The destructor stops the logger.
-// Another thread may still be reading the levels and the path, so they are moved to objects that are never destroyed.
-struct Logger::Lifetime {
-    Lifetime() { log_fp = stderr; }
-    ~Lifetime()
-    {
-        log_initialized = false;
-        levels.swap(log_level);
-        path.swap(log_path);
-    }
-
-private:
-    std::unordered_map<std::string, int> &levels = *new std::unordered_map<std::string, int>;
-    std::string &path = *new std::string;
+    struct {
+        InitConfig config;
+        std::string path;
+        std::unordered_map<std::string, int> levels;
+    } members;
 };
-[[gnu::init_priority(101)]] Logger::Lifetime Logger::lifetime;
+// init_priority: constructed before all ordinary static objects, so that these may log.
+[[gnu::init_priority(101)]] Logger::Objects Logger::objects;
+Logger::InitConfig &Logger::config = objects.members.config;
+std::string &Logger::log_path = objects.members.path;
+std::unordered_map<std::string, int> &Logger::log_level = objects.members.levels;
 
 int Logger::GetCompLevel(const std::string &component)
 {

@@ -19,8 +19,8 @@
 // during start-up are visible.
 //
 // No call that logs a message throws or changes the caller's errno, and "%m" in a message shows the caller's errno.
-// Constructors and destructors of static objects may log, in any order. At the end of exit() the logger stops writing,
-// also for threads that still run.
+// Constructors and destructors of static objects may log, in any order, and so may threads that still run at the end of
+// exit().
 class Logger
 {
 public:
@@ -116,7 +116,7 @@ public:
     static void ReloadLogFile();
 
 private:
-    struct Lifetime;
+    union Objects;
 
     static int WriteToSink(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
     static int OpenSink();
@@ -125,12 +125,12 @@ private:
     static constexpr int kDefaultThreshold = WARNING;
 
     static bool log_initialized;
-    static InitConfig config;
+    static Objects objects;
+    static InitConfig &config;
     static FILE *log_fp; // null for the system log, and for a file that could not be opened
-    static std::string log_path;
-    static std::unordered_map<std::string, int> log_level;
+    static std::string &log_path;
+    static std::unordered_map<std::string, int> &log_level;
     static bool levels_unreadable;
-    static Lifetime lifetime;
     static pthread_mutex_t *log_lock;
     static int32_t *log_size; // bytes in the log file; -1 for the other sinks
     static uint64_t *log_rotated_count_shared;

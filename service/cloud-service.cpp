@@ -1,24 +1,28 @@
 #include "service/cloud-service.h"
 
 #include <chrono>
+#include <filesystem>
 #include <utility>
 
 #include <QDir>
 
+#include "appfolder/log-component.h"
+#include "appfolder/upgrade.h"
+#include "appfolder/version-file.h"
 #include "extractor/extractor.h"
 #include "fct-qt/path-keys.h"
 #include "fct-qt/ui-path-manager.h"
 #include "fileop/file-op.h"
 #include "log/log.h"
 #include "service/source-snapshot.h"
-#include "service/version-file.h"
 
 namespace
 {
-const std::string kComponent = "service_debug";
 constexpr char kVersionFile[] = "/INFO";
+constexpr char kPackage[] = "/package/larkspire";
+constexpr off_t kSmallestPart = 1; // bytes: an empty file is no part of a client
 constexpr std::chrono::seconds kLockTimeout(60);
-constexpr int kCopyAttempts = 3;
+constexpr int kFirstInstallAttempts = 3;
 
 std::string Environment(const char *name, const char *whenUnset)
 {
@@ -40,7 +44,7 @@ void LoadVersion(const char *name, const std::string &path, Service::VersionInfo
             version.*field = found->second;
         }
     }
-    LOGGER_INFO(kComponent, "%s = (%s, %s, %s, %s)\n", name, version.major_version.c_str(),
+    LOGGER_INFO(kServiceComponent, "%s = (%s, %s, %s, %s)\n", name, version.major_version.c_str(),
                 version.minor_version.c_str(), version.build_version.c_str(), version.icon_overlay_version.c_str());
 }
 
@@ -66,12 +70,18 @@ bool IsFolder(const DIR_ENTRY &entry, const std::string &path)
     return GetFileInfo(path, info) == 0 && info.type == FS_TYPE_DIR;
 }
 
+// Whether both paths name the same existing folder.
+bool IsSameFolder(const std::string &path, const std::string &other)
+{
+    std::error_code error;
+    return std::filesystem::equivalent(path, other, error);
+}
 } // namespace
 
 bool IsUOSDesktop()
 {
     const std::string desktop = Environment("XDG_CURRENT_DESKTOP", "ubuntu:GNOME");
-    LOGGER_DEBUG(kComponent, "Current Desktop is %s\n", desktop.c_str());
+    LOGGER_DEBUG(kServiceComponent, "Current Desktop is %s\n", desktop.c_str());
     return desktop == "Deepin";
 }
 
@@ -81,7 +91,7 @@ QString Service::GetUserInstallPath()
         return QDir::homePath();
     }
     const std::string path = Environment("XDG_DATA_HOME", "");
-    LOGGER_DEBUG(kComponent, "user install path is %s\n", path.c_str());
+    LOGGER_DEBUG(kServiceComponent, "user install path is %s\n", path.c_str());
     return path.empty() ? QDir::homePath() : QString::fromStdString(path);
 }
 
@@ -91,40 +101,40 @@ std::string Service::RegisteredPath(const char *key, const char *rest)
     return path.empty() ? path : path + rest;
 }
 
-AppFolder &Service::UserAppFolder()
-{
-    if (!userAppFolder) {
-        userAppFolder = std::make_unique<AppFolder>(app_path);
-    }
-    return *userAppFolder;
-}
-
 bool Service::OpenUserFolder()
 {
-    AppFolder &folder = UserAppFolder();
-    if (folder.Lock(kLockTimeout) == UserFolderLock::HELD_BY_ANOTHER) {
-        LOGGER_WARNING(kComponent, "another launcher has been at work in '%s' for %d s, starting what is in place\n",
-                       FSParentPath(app_path).c_str(), static_cast<int>(kLockTimeout.count()));
+    if (opened && opened->appPath == app_path) {
+        return opened->mayUpgrade;
+    }
+    const AppFolder app(app_path);
+    opened = OpenedFolder{app_path, false, {}};
+    if (!app_path.empty() && lock.Acquire(app.UserFolder(), kLockTimeout) == UserFolderLock::HELD_BY_ANOTHER) {
+        LOGGER_WARNING(kServiceComponent,
+                       "another launcher has been at work in '%s' for %d s, starting what is in place\n",
+                       app.UserFolder().c_str(), static_cast<int>(kLockTimeout.count()));
         return false;
     }
-    return folder.Recover([this] { StopService(); }) != AppFolder::NOT_RECOVERED;
+    opened->recovery = Recover(app, UpgradeJournal(app.UserFolder()), [this] { StopService(); });
+    opened->mayUpgrade = opened->recovery->condition != Recovery::NOT_RECOVERED;
+    return opened->mayUpgrade;
 }
 
 void Service::CloseUserFolder()
 {
-    UserAppFolder().Unlock();
+    lock.Release();
+    opened.reset();
 }
 
 bool Service::IsUpgradeDue()
 {
-    return UserAppFolder().IsUpgradeDue();
+    return opened && opened->appPath == app_path && opened->recovery && opened->recovery->condition != Recovery::INTACT;
 }
 
 void Service::LoadSourceVersion()
 {
     const std::string path = RegisteredPath(path_key::kUserBrimlockResource, kVersionFile);
     if (!IsFileExist(path, false)) {
-        LOGGER_INFO(kComponent, "source does not exist\n");
+        LOGGER_INFO(kServiceComponent, "source does not exist\n");
         return;
     }
     LoadVersion("source_version", path, source_version);
@@ -136,19 +146,19 @@ void Service::LoadTargetVersion()
     LoadVersion("target_version", RegisteredPath(path_key::kRootResource, kVersionFile), target_version);
 }
 
-int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnapshot *snapshot)
+int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnapshot *snapshot, const char *last)
 {
-    LOGGER_DEBUG(kComponent, "copy from '%s' to '%s'\n", src.c_str(), dst.c_str());
+    LOGGER_DEBUG(kServiceComponent, "copy from '%s' to '%s'\n", src.c_str(), dst.c_str());
     if (snapshot != nullptr) {
         snapshot->Add(src);
     }
     _FILE_INFO_tag info;
     if (FSStat(src, info, false) < 0) {
-        LOGGER_ERROR(kComponent, "FSCopyPath: failed to stat source '%s'\n", src.c_str());
+        LOGGER_ERROR(kServiceComponent, "FSCopyPath: failed to stat source '%s'\n", src.c_str());
         return -1;
     }
     if (!info.exists) {
-        LOGGER_ERROR(kComponent, "FSCopyPath: source path '%s' does not exist\n", src.c_str());
+        LOGGER_ERROR(kServiceComponent, "FSCopyPath: source path '%s' does not exist\n", src.c_str());
         return -1;
     }
     if (info.type != FS_TYPE_DIR) {
@@ -156,7 +166,7 @@ int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnap
         return 0; // even if the copy failed: an installation from a single file is never rolled back
     }
     if (FSMKDir(dst, true) < 0) {
-        LOGGER_ERROR(kComponent, "FSCopyPath: failed to create dest folder '%s'\n", dst.c_str());
+        LOGGER_ERROR(kServiceComponent, "FSCopyPath: failed to create dest folder '%s'\n", dst.c_str());
         return -1;
     }
 
@@ -164,26 +174,38 @@ int Service::CopyTree(const std::string &src, const std::string &dst, SourceSnap
     const DirCloser closer(handle);
     if (FSOpenDir(src, 0, handle) < 0) {
         // Log readers search for this text with its two blanks.
-        LOGGER_WARNING(kComponent, "FSCopyPath: failed to create handle  for src '%s' failed\n", src.c_str());
+        LOGGER_WARNING(kServiceComponent, "FSCopyPath: failed to create handle  for src '%s' failed\n", src.c_str());
         return 0; // the folder stays empty and the rest is installed: packages with unlistable folders rely on that
     }
 
+    std::optional<DIR_ENTRY> lastEntry;
     DIR_ENTRY entry;
     while (FSReadDir(handle, entry) == 1) {
         if (entry.name == "." || entry.name == "..") {
             continue;
         }
-        const std::string from = src + "/" + entry.name;
-        const std::string to = dst + "/" + entry.name;
-        const bool isFolder = IsFolder(entry, from);
-        if (snapshot != nullptr && !isFolder) {
-            snapshot->Add(from);
-        }
-        const int result = isFolder ? CopyTree(from, to, snapshot) : FSCopy(from, to, false, true);
-        if (result < 0) {
-            LOGGER_ERROR(kComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", from.c_str(), to.c_str());
+        if (last != nullptr && entry.name == last) {
+            lastEntry = entry;
+        } else if (CopyEntry(entry, src, dst, snapshot) < 0) {
             return -1;
         }
+    }
+    return lastEntry ? CopyEntry(*lastEntry, src, dst, snapshot) : 0;
+}
+
+// Copies one entry of the folder `src` to the folder `dst`. Returns 0, or -1 with ERROR lines.
+int Service::CopyEntry(const DIR_ENTRY &entry, const std::string &src, const std::string &dst, SourceSnapshot *snapshot)
+{
+    const std::string from = src + "/" + entry.name;
+    const std::string to = dst + "/" + entry.name;
+    const bool isFolder = IsFolder(entry, from);
+    if (snapshot != nullptr && !isFolder) {
+        snapshot->Add(from);
+    }
+    const int result = isFolder ? CopyTree(from, to, snapshot) : FSCopy(from, to, false, true);
+    if (result < 0) {
+        LOGGER_ERROR(kServiceComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", from.c_str(), to.c_str());
+        return -1;
     }
     return 0;
 }
@@ -195,18 +217,25 @@ int Service::FSCopyPath(const std::string &src, const std::string &dst)
 
 int Service::CopyPackage()
 {
-    const std::string src = RegisteredPath(path_key::kRootResource, "/package/larkspire");
+    const std::string src = RegisteredPath(path_key::kRootResource, kPackage);
     const std::string dst = RegisteredPath(path_key::kUserBrimlockApp);
-    LOGGER_INFO(kComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
+    LOGGER_INFO(kServiceComponent, "copy package:'%s' -> '%s' \n", src.c_str(), dst.c_str());
 
-    // The ctimes of these change when the whole package is replaced during the copy.
+    // The ctimes of the folders above change when the whole package is replaced during the copy. The copying itself
+    // changes the user's folder, and the one above it if it creates the user's folder.
     SourceSnapshot snapshot;
-    snapshot.Add(FSParentPath(FSParentPath(src)));
-    snapshot.Add(FSParentPath(src));
+    const std::string userFolder = FSParentPath(dst);
+    for (const std::string &above : {FSParentPath(FSParentPath(src)), FSParentPath(src)}) {
+        if (!IsSameFolder(above, userFolder) && !IsSameFolder(above, FSParentPath(userFolder))) {
+            snapshot.Add(above);
+        }
+    }
     snapshot.Add(RegisteredPath(path_key::kRootResource, kVersionFile));
-    const int result = CopyTree(src, dst, &snapshot);
-    if (snapshot.HasChanged()) {
-        LOGGER_ERROR(kComponent, "package '%s' has changed while it was copied\n", src.c_str());
+    // The version file is copied last, so that an incomplete copy lacks it.
+    const int result = CopyTree(src, dst, &snapshot, kVersionFile + 1);
+    // After a failure, a status that cannot be read may have the same cause, such as too few file descriptors.
+    if (snapshot.HasChanged(result != 0)) {
+        LOGGER_ERROR(kServiceComponent, "package '%s' has changed while it was copied\n", src.c_str());
         return kPackageChanged;
     }
     return result;
@@ -217,44 +246,47 @@ int Service::ExtractPackage()
     const std::string src = RegisteredPath(path_key::kRootResource, "/package/larkspire.vpk");
     const std::string dst = RegisteredPath(path_key::kUserBrimlockApp);
     if (FSMKDir(dst, true) < 0) {
-        LOGGER_ERROR(kComponent, "failed to create folder: '%s'\n", dst.c_str());
+        LOGGER_ERROR(kServiceComponent, "failed to create folder: '%s'\n", dst.c_str());
         return -1;
     }
-    LOGGER_INFO(kComponent, "extract package: '%s' -> '%s'\n", src.c_str(), dst.c_str());
+    LOGGER_INFO(kServiceComponent, "extract package: '%s' -> '%s'\n", src.c_str(), dst.c_str());
     Extractor extractor;
     extractor.SetSource(src);
     extractor.SetTarget(dst);
     return extractor.Extract();
 }
 
-// Moves the app folder to the first backup name that can be used.
-bool Service::MoveAside(AppFolder &folder)
+// The result of OpenUserFolder(), which counts for one upgrade of one path, or that of a new recovery.
+Recovery Service::TakeRecovery(const AppFolder &app, const UpgradeJournal &journal)
 {
-    std::string backup;
-    for (int n = 0; n < UpgradeJournal::kBackupNames; ++n) {
-        const AppFolder::MoveResult result = folder.MoveAside(n);
-        if (result != AppFolder::NOT_MOVED) {
-            return result == AppFolder::MOVED;
-        }
-        backup = GetAppBackupDir(app_path, n);
-        LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s'\n", app_path.c_str(), backup.c_str());
+    std::optional<Recovery> found;
+    if (opened && opened->appPath == app.Path()) {
+        found.swap(opened->recovery);
     }
-    folder.Cancel();
-    LOGGER_ERROR(kComponent, "failed to backup app from '%s' -> '%s' at max retries, exiting\n", app_path.c_str(),
-                 backup.c_str());
-    // Log readers know this message without a line end.
-    LOGGER_ERROR(kComponent,
-                 "Please check if '%s' is writable. It may be locked by another process (e.g., CLI's working "
-                 "directory is set to the target).",
-                 app_path.c_str());
-    return false;
+    if (found && found->condition != Recovery::NOT_RECOVERED) {
+        return *found;
+    }
+    return Recover(app, journal, [this] { StopService(); });
 }
 
-// Copies again when the package has changed: a person who starts the client during an update should get the new one.
-int Service::FillAppFolder(const AppFolder &folder)
+// Removes what a first install that was interrupted or has failed has copied. As a backup, it would take the room that
+// the next copy needs. A copy with all parts is not removed: a person may have put it there.
+void Service::RemovePartOfFirstInstall(const AppFolder &app, const Recovery &recovery)
+{
+    const bool isPart = recovery.record && recovery.record->state == UpgradeJournal::COPYING &&
+                        recovery.record->backup == UpgradeJournal::kNoBackup && PresenceOf(app.Path()) == PRESENT &&
+                        PresenceOfClient(app.Path(), kSmallestPart) == MISSING;
+    if (isPart && IsFileExist(RegisteredPath(path_key::kRootResource, kPackage), false)) {
+        StopService();
+        app.Discard(app.Path());
+    }
+}
+
+// Copies the package up to `attempts` times, until it does not change meanwhile.
+int Service::FillAppFolder(const AppFolder &app, int attempts)
 {
     int result = CopyPackage();
-    for (int attempt = 1; attempt < kCopyAttempts && result == kPackageChanged && folder.RemoveCopy(); ++attempt) {
+    for (int attempt = 1; attempt < attempts && result == kPackageChanged && app.Discard(app.Path()); ++attempt) {
         result = CopyPackage();
     }
     return result;
@@ -262,35 +294,36 @@ int Service::FillAppFolder(const AppFolder &folder)
 
 int Service::PrepareUserEnv()
 {
-    AppFolder &folder = UserAppFolder();
-    if (folder.Begin([this] { StopService(); }) != 0) {
+    const AppFolder app(app_path);
+    const UpgradeJournal journal(app.UserFolder());
+    const Recovery recovery = TakeRecovery(app, journal);
+    if (recovery.condition == Recovery::NOT_RECOVERED) {
         return -1;
     }
-    if (folder.HasOldCopy() && !MoveAside(folder)) {
+    RemovePartOfFirstInstall(app, recovery);
+    Upgrade upgrade(app, journal, recovery);
+    if (upgrade.MoveAside() != 0 || upgrade.BeginCopy() != 0) {
         return -1;
     }
-    if (folder.BeginCopy() != 0) {
-        return -1;
-    }
-    if (FillAppFolder(folder) != 0 || folder.Flush() != 0) {
+    if (FillAppFolder(app, upgrade.HasOldCopy() ? 1 : kFirstInstallAttempts) != 0 || upgrade.Flush() != 0) {
         // The messages speak of extraction also when the package folder was copied: log readers search for them.
-        if (folder.HasOldCopy()) {
-            LOGGER_ERROR(kComponent, "Failed to extract package, rollback to old installation\n");
+        if (upgrade.HasOldCopy()) {
+            LOGGER_ERROR(kServiceComponent, "Failed to extract package, rollback to old installation\n");
         } else {
-            LOGGER_ERROR(kComponent, "Failed to extract package, and no old installation to rollback\n");
+            LOGGER_ERROR(kServiceComponent, "Failed to extract package, and no old installation to rollback\n");
         }
-        folder.RollBack();
+        upgrade.RollBack();
         return -1;
     }
-    LOGGER_INFO(kComponent, "user installation is ready, removing backup app\n");
-    folder.Commit();
+    LOGGER_INFO(kServiceComponent, "user installation is ready, removing backup app\n");
+    upgrade.Commit();
     return 0;
 }
 
 void Service::RemoveAgedFolders()
 {
     const std::string path = RegisteredPath(path_key::kUserLarkspire, "/app");
-    LOGGER_INFO(kComponent, "removing aged app folder %s\n", path.c_str());
+    LOGGER_INFO(kServiceComponent, "removing aged app folder %s\n", path.c_str());
     FSRemove(path, false);
 }
 
@@ -300,15 +333,15 @@ void Service::MigrateService()
     const std::string current = RegisteredPath(path_key::kUserBrimlock);
 
     if (!IsFileExist(current, true) && FSMKDir(current, true) != 0) {
-        LOGGER_ERROR(kComponent, "Failed to create Brimlock folder\n");
+        LOGGER_ERROR(kServiceComponent, "Failed to create Brimlock folder\n");
         return;
     }
     const std::string oldData = RegisteredPath(path_key::kUserLarkspire, "/data");
     if (IsFileExist(oldData, true) && FSRename(oldData, current + "/data", true) < 0) {
-        LOGGER_ERROR(kComponent, "Failed to move data to Brimlock folder\n");
+        LOGGER_ERROR(kServiceComponent, "Failed to move data to Brimlock folder\n");
     }
     // Even if the data could not be moved, which is then lost: the predecessor's folder must not stay.
     if (IsFileExist(old, true) && FSRemove(old, false) < 0) {
-        LOGGER_ERROR(kComponent, "Failed to remove old .Larkspire folder\n");
+        LOGGER_ERROR(kServiceComponent, "Failed to remove old .Larkspire folder\n");
     }
 }

@@ -2,14 +2,17 @@
 #define BRIMLOCK_SERVICE_CLOUD_SERVICE_H
 
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 
 #include <QString>
 
-#include "service/app-folder.h"
+#include "appfolder/app-folder.h"
+#include "appfolder/recovery.h"
+#include "appfolder/user-folder-lock.h"
 
 class SourceSnapshot;
+struct DIR_ENTRY;
 
 // Whether XDG_CURRENT_DESKTOP is exactly "Deepin".
 bool IsUOSDesktop();
@@ -53,8 +56,8 @@ public:
     // what was written so far stays.
     virtual int ExtractPackage();
 
-    // Also returns kPackageChanged, with one ERROR line: the package changed while it was copied, so the copy mixes two
-    // versions.
+    // Copies the package's INFO last. Also returns kPackageChanged, with one ERROR line: the package changed while it
+    // was copied, so the copy mixes two versions.
     virtual int CopyPackage();
     static constexpr int kPackageChanged = -200; // no other failure returns this number
 
@@ -63,20 +66,27 @@ public:
     virtual void LoadSourceVersion();
     virtual void LoadTargetVersion();
 
-    // Renames the app folder to a free backup name and fills a new one through CopyPackage(), up to three times when
-    // the package changes meanwhile. Returns 0 when the new copy is complete and on disk; the backups are then removed.
-    // Returns -1 when nothing has changed or the old copy has been renamed back; without an old copy, what was written
-    // of the new one stays. Recovers from an earlier upgrade first, unless OpenUserFolder() has done it.
+    // Replaces the app folder `app_path`: moves it to a free backup name, fills a new one through CopyPackage() and
+    // flushes it. Returns 0 when the new copy is complete and on disk; the backups are then removed. Returns -1, with
+    // ERROR lines, when the upgrade was refused or has failed; the old copy is then the app folder again or, if it
+    // could not be restored, keeps its backup name until the next recovery. Without an old copy, what was written of
+    // the new one stays.
+    //
+    // Recovers from an earlier upgrade first, unless OpenUserFolder() has done it for this path since the last upgrade.
+    // Without an old copy, copies up to three times when the package changes meanwhile. With one, does not copy again:
+    // the next start upgrades, and a second copy could mix two versions unnoticed if the package is replaced file by
+    // file.
     virtual int PrepareUserEnv();
 
-    // Moves the predecessor's data into the user's folder. Then removes the predecessor's folder, also when the data
-    // could not be moved.
+    // Creates the user's folder if it is missing; when that fails, does nothing else. Moves the predecessor's data into
+    // it. Then removes the predecessor's folder, also when the data could not be moved.
     virtual void MigrateService();
 
     // To be called before the versions are loaded. Locks the user's folder, waiting up to 60 s for another launcher,
     // and finishes or undoes an upgrade that was interrupted. Stops the client before an incomplete copy is removed.
     // Returns false when this start must not replace the app folder: the other launcher still holds the lock, or the
-    // recovery failed. Logs why. A folder that supports no locks is used without one.
+    // recovery failed. Logs why. A folder that supports no locks is used without one. The folder is the parent of
+    // `app_path`. Until CloseUserFolder(), a second call for the same path does nothing and returns the same.
     bool OpenUserFolder();
 
     // Releases the lock. May be called more than once.
@@ -108,16 +118,24 @@ protected:
     VersionInfo source_version;
 
 private:
-    // Created at the first call, because a subclass sets app_path in its constructor.
-    AppFolder &UserAppFolder();
+    // The result of OpenUserFolder().
+    struct OpenedFolder {
+        std::string appPath;
+        bool mayUpgrade;
+        std::optional<Recovery> recovery; // until an upgrade uses it
+    };
 
-    bool MoveAside(AppFolder &folder);
-    int FillAppFolder(const AppFolder &folder);
+    Recovery TakeRecovery(const AppFolder &app, const UpgradeJournal &journal);
+    int FillAppFolder(const AppFolder &app, int attempts);
+    void RemovePartOfFirstInstall(const AppFolder &app, const Recovery &recovery);
 
-    // FSCopyPath() that adds everything to `snapshot`, if there is one, before it is read.
-    int CopyTree(const std::string &src, const std::string &dst, SourceSnapshot *snapshot);
+    // FSCopyPath() that adds everything to `snapshot`, if there is one, before it is read. The entry `last` of `src`,
+    // if there is one, is copied after all others.
+    int CopyTree(const std::string &src, const std::string &dst, SourceSnapshot *snapshot, const char *last = nullptr);
+    int CopyEntry(const DIR_ENTRY &entry, const std::string &src, const std::string &dst, SourceSnapshot *snapshot);
 
-    std::unique_ptr<AppFolder> userAppFolder;
+    UserFolderLock lock;
+    std::optional<OpenedFolder> opened;
 };
 
 #endif

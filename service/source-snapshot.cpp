@@ -5,11 +5,11 @@
 int NeighbourStat::operator()(const std::string &path, bool followLink, struct stat &status)
 {
     const size_t slash = path.rfind('/');
-    if (!folderFd || path.compare(0, slash + 1, folder) != 0) {
+    if (!folderFd.valid() || path.compare(0, slash + 1, folder) != 0) {
         folder = path.substr(0, slash + 1);
-        folderFd = std::make_unique<ScopedFd>(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        folderFd = ScopedFd(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
-    return fstatat(folderFd->get(), path.c_str() + slash + 1, &status, followLink ? 0 : AT_SYMLINK_NOFOLLOW);
+    return fstatat(folderFd.get(), path.c_str() + slash + 1, &status, followLink ? 0 : AT_SYMLINK_NOFOLLOW);
 }
 
 SourceSnapshot::Status SourceSnapshot::ReadStatus(NeighbourStat &statOf, const std::string &path, bool isFollowed)
@@ -29,11 +29,14 @@ void SourceSnapshot::Add(const std::string &path)
     }
 }
 
-bool SourceSnapshot::HasChanged() const
+bool SourceSnapshot::HasChanged(bool onlyReadable) const
 {
     NeighbourStat statOf;
     for (const Entry &entry : entries) {
-        const Status now = ReadStatus(statOf, entry.path, entry.is_followed);
+        const Status now = ReadStatus(statOf, entry.path, entry.isFollowed);
+        if (onlyReadable && (now.size < 0 || entry.status.size < 0)) {
+            continue;
+        }
         if (now.size != entry.status.size || now.changed.tv_sec != entry.status.changed.tv_sec ||
             now.changed.tv_nsec != entry.status.changed.tv_nsec) {
             return true;

@@ -1,7 +1,6 @@
 #ifndef BRIMLOCK_SERVICE_SOURCE_SNAPSHOT_H
 #define BRIMLOCK_SERVICE_SOURCE_SNAPSHOT_H
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,7 +18,7 @@ public:
 
 private:
     std::string folder;
-    std::unique_ptr<ScopedFd> folderFd;
+    ScopedFd folderFd;
 };
 
 // Notices whether files and folders have changed since they were added, by size and time of last status change (ctime).
@@ -32,8 +31,9 @@ public:
     // is missing, or whose status cannot be read, is added as such. `path` is absolute.
     void Add(const std::string &path);
 
-    // Reads the status of all entries again and compares.
-    bool HasChanged() const;
+    // Reads the status of all entries again and compares. With `onlyReadable`, an entry whose status could not be read,
+    // then or now, does not count as changed.
+    bool HasChanged(bool onlyReadable) const;
 
 private:
     struct Status {
@@ -43,7 +43,7 @@ private:
     };
     struct Entry {
         std::string path;
-        bool is_followed; // the entry is what the link `path` points to
+        bool isFollowed; // the entry is what the link `path` points to
         Status status;
     };
 

@@ -1,11 +1,32 @@
 #include "fileop/file-op.h"
 
 #include <cerrno>
+#include <cstddef>
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 
 #include "tests/support.h"
 
 using FileOpTest = ScratchTest;
 using Texts = std::set<std::string>;
+
+// Lets the two calls by which the kernel copies a file fail in this process.
+static bool RefuseKernelCopies(unsigned int error)
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_ioctl, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_copy_file_range, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {std::size(filter), filter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
 
 TEST(PathStringTest, PathsAreCutAtTheLastSlash)
 {
@@ -67,4 +88,25 @@ TEST_F(FileOpTest, WalksAFolderAndClosesIt)
     EXPECT_EQ(walk(FS_DIR_WITH_INFO), withInfo);
     EXPECT_EQ(walk(0), without);
     EXPECT_EQ(Tree("/proc/self/fdinfo").size(), openFiles);
+}
+
+TEST_F(FileOpTest, LargeFilesAreCopiedWhateverTheKernelAnswers)
+{
+    Shell("head -c 1000001 /dev/urandom >src");
+    const auto copy = [this] { return FSCopy(Path("src"), Path("dst"), false, true); };
+    for (const int error : {0, EOPNOTSUPP, ENOSYS, EPERM}) {
+        EXPECT_EQ(InChild([&] { return error != 0 && !RefuseKernelCopies(error) ? 99 : copy(); }),
+                  0);
+        Shell("cmp src dst; rm dst");
+    }
+    EXPECT_EQ(Log(), "");
+    // The file may only grow to a size in the middle of a block.
+    const auto copyPart = [&] {
+        const rlimit most = {500001, 500001};
+        signal(SIGXFSZ, SIG_IGN);
+        return setrlimit(RLIMIT_FSIZE, &most) == 0 && copy() == -1 ? errno : 0;
+    };
+    EXPECT_EQ(InChild(copyPart), EFBIG);
+    Shell("head -c 500001 src | cmp - dst");
+    EXPECT_EQ(Logged("CopyFile: write: File too large (27)"), 1);
 }

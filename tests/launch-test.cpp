@@ -195,7 +195,11 @@ TEST(LaunchTest, AClientStartsAlsoWhenTheDisplayFails)
     for (const auto &[bytes, hangs] : displays) {
         SCOPED_TRACE(bytes);
         const pid_t proxy = StartDisplay(kDisplays + number, bytes, hangs);
-        MakeStart({"", "new", "true", "export DISPLAY=:" + number});
+        // Also when the caller has blocked the signals of the timer and of a crash.
+        MakeStart({"", "new", "true",
+                   "export DISPLAY=:" + number +
+                       "; exec env --block-signal=ALRM,ABRT sh -c "
+                       "\". $SURROUNDINGS >home/given; exec $L\""});
         kill(proxy, SIGKILL);
         Wait(proxy);
         unlink((kDisplays + number).c_str());

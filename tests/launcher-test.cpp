@@ -1,5 +1,8 @@
 #include "launcher/launcher.h"
 
+#include <future>
+#include <thread>
+
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
@@ -107,6 +110,29 @@ TEST(RunKeeperTest, GivesTheDisplayTenSecondsAndTheEndOfTheProcessThree)
     };
     EXPECT_EQ(secondsLeft(false), 10);
     EXPECT_EQ(secondsLeft(true), 3);
+}
+
+static int OverflowStack(int depth)
+{
+    volatile char page[4096] = "";
+    return depth < 0 ? 0 : OverflowStack(depth + 1) + page[0];
+}
+
+TEST(RunKeeperTest, AStackOverflowOfTheGuiThreadDoesNotEndTheRun)
+{
+    const auto overflowDuringRun = [] {
+        const RunKeeper keeper;
+        std::promise<void> begins;
+        std::thread([&begins] {
+            RunKeeper::RunBegins();
+            begins.set_value();
+            usleep(100000);
+            RunKeeper::RunEnds();
+        }).detach();
+        begins.get_future().wait();
+        return OverflowStack(0);
+    };
+    EXPECT_EQ(InChild(overflowDuringRun), 0);
 }
 
 int main(int argc, char **argv)

@@ -8,17 +8,17 @@
 #include <QDir>
 #include <unistd.h>
 
+#include "appfolder/log-component.h"
+#include "appfolder/version-file.h"
 #include "fct-qt/path-keys.h"
 #include "fileop/file-op.h"
 #include "log/log.h"
 #include "service/config/config.h"
 #include "service/linux/client-process.h"
 #include "service/linux/start-script.h"
-#include "service/version-file.h"
 
 namespace
 {
-const std::string kComponent = "service_debug";
 constexpr int kTimeoutMilliseconds = 10000;
 constexpr int kStopProbes = 5;
 constexpr unsigned int kProbeIntervalSeconds = 1;
@@ -36,12 +36,12 @@ pid_t PidOf(Config &pidFile)
 pid_t RunningClient(const std::string &pidFile)
 {
     if (!IsFileExist(pidFile, false)) {
-        LOGGER_DEBUG(kComponent, "pid file '%s' does not exist, no need to terminate\n", pidFile.c_str());
+        LOGGER_DEBUG(kServiceComponent, "pid file '%s' does not exist, no need to terminate\n", pidFile.c_str());
         return 0;
     }
     Config config;
     if (config.read(pidFile) < 0) {
-        LOGGER_NOTE(kComponent, "Failed to read pid file '%s', not exist ?\n", pidFile.c_str());
+        LOGGER_NOTE(kServiceComponent, "Failed to read pid file '%s', not exist ?\n", pidFile.c_str());
         return 0;
     }
     return PidOf(config);
@@ -76,15 +76,15 @@ void LinuxService::StopService()
     }
     const ClientProcess client(pid);
     if (client.IsSomebodyElse(pidFile, app_path)) {
-        LOGGER_NOTE(kComponent, "process %d of pid file '%s' is not the client, left alone\n", static_cast<int>(pid),
-                    pidFile.c_str());
+        LOGGER_NOTE(kServiceComponent, "process %d of pid file '%s' is not the client, left alone\n",
+                    static_cast<int>(pid), pidFile.c_str());
         return;
     }
     if (client.Signal(SIGTERM) != 0) {
         if (errno == ESRCH) {
             return;
         }
-        LOGGER_ERROR(kComponent, "kill: %s (%d)\n", strerror(errno), errno);
+        LOGGER_ERROR(kServiceComponent, "kill: %s (%d)\n", strerror(errno), errno);
     }
     for (int probe = 0; probe < kStopProbes; ++probe) {
         if (client.Signal(0) != 0 && errno == ESRCH) {
@@ -98,7 +98,7 @@ void LinuxService::StopService()
 int LinuxService::HandlePackageUpgrade()
 {
     if (PerUserBinPathExist()) {
-        LOGGER_DEBUG(kComponent, "local appdata exist\n");
+        LOGGER_DEBUG(kServiceComponent, "local appdata exist\n");
         StopService();
     } else if (IsClientRunningFrom(app_path, PidFile())) {
         // Without its executable there is usually nothing to stop, but an incomplete copy may run something else.
@@ -116,9 +116,9 @@ int LinuxService::PreUpgrade()
 {
     LoadTargetVerInfo();
     LoadSourceVerInfo();
-    LOGGER_DEBUG(kComponent, "Source version: ('%s', '%s')\n", source_version.build_version.c_str(),
+    LOGGER_DEBUG(kServiceComponent, "Source version: ('%s', '%s')\n", source_version.build_version.c_str(),
                  source_version.icon_overlay_version.c_str());
-    LOGGER_DEBUG(kComponent, "Target version: ('%s', '%s')\n", target_version.build_version.c_str(),
+    LOGGER_DEBUG(kServiceComponent, "Target version: ('%s', '%s')\n", target_version.build_version.c_str(),
                  target_version.icon_overlay_version.c_str());
     return 0;
 }
@@ -127,7 +127,7 @@ bool LinuxService::IsNeedUpgrade()
 {
     const int source = BuildNumber(source_version.build_version);
     const int target = BuildNumber(target_version.build_version);
-    LOGGER_DEBUG(kComponent, "source version = %d, target version = %d\n", source, target);
+    LOGGER_DEBUG(kServiceComponent, "source version = %d, target version = %d\n", source, target);
     const bool isOlder = target > source;
     return !PerUserBinPathExist() || isOlder || IsUpgradeDue();
 }

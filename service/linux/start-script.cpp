@@ -13,13 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "appfolder/log-component.h"
 #include "fileop/scoped-fd.h"
 #include "log/log.h"
 #include "service/linux/signal-settings.h"
 
 namespace
 {
-const std::string kComponent = "service_debug";
 constexpr int kMillisecondsPerSecond = 1000;
 
 // While the object lives, this process ignores the signals that the child must ignore: posix_spawn() itself can only
@@ -53,9 +53,9 @@ private:
     std::vector<std::pair<int, struct sigaction>> replaced;
 };
 
-// Starts the script with the argument "start". Returns 0, or the error of posix_spawn(). Uses no shell, because the
-// path of the home folder may contain blanks.
-int Spawn(const std::string &script, pid_t &child)
+// Starts the script with the argument "start". With closesFiles, it inherits no open file but the standard streams.
+// Returns 0, or the error of posix_spawn(). Uses no shell, because the path of the home folder may contain blanks.
+int Spawn(const std::string &script, bool closesFiles, pid_t &child)
 {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t files;
@@ -78,6 +78,9 @@ int Spawn(const std::string &script, pid_t &child)
     if (nothing.valid()) {
         posix_spawn_file_actions_adddup2(&files, nothing.get(), STDIN_FILENO);
     }
+    if (closesFiles) {
+        posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
+    }
 
     const char *const arguments[] = {script.c_str(), "start", nullptr};
     const IgnoringSignals ignoring(settings.ignored);
@@ -92,9 +95,12 @@ int Spawn(const std::string &script, pid_t &child)
 void RunStartScript(const std::string &script, const std::function<void()> &onSlow, int warningMilliseconds)
 {
     pid_t child = 0;
-    const int error = Spawn(script, child);
+    int error = Spawn(script, true, child);
+    if (error != 0) {
+        error = Spawn(script, false, child); // a kernel without close_range() and /proc cannot close them
+    }
     if (error == EAGAIN || error == ENOMEM) {
-        LOGGER_ERROR(kComponent, "no process for '%s': %s (%d)\n", script.c_str(), strerror(error), error);
+        LOGGER_ERROR(kServiceComponent, "no process for '%s': %s (%d)\n", script.c_str(), strerror(error), error);
     }
     if (error != 0) {
         return;
@@ -105,7 +111,9 @@ void RunStartScript(const std::string &script, const std::function<void()> &onSl
     if (handle.valid()) {
         pollfd event = {handle.get(), POLLIN, 0};
         if (poll(&event, 1, warningMilliseconds) == 0) {
-            LOGGER_WARNING(kComponent, "'%s start' has not returned for %d s; until it does, no launcher starts\n",
+            LOGGER_WARNING(kServiceComponent,
+                           "'%s start' has not returned for %d s; until then, every later start of this user on this "
+                           "computer ends at once\n",
                            script.c_str(), warningMilliseconds / kMillisecondsPerSecond);
             onSlow();
         }

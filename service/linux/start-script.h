@@ -7,9 +7,9 @@
 constexpr int kStartScriptWarningMilliseconds = 60000;
 
 // Runs "SCRIPT start" and waits, without a time limit, until it has ended. Its standard input is empty. It inherits the
-// environment and the other two streams, and gets CallerSignals(). Its exit status is ignored. Nothing is logged when
-// it is missing or cannot be executed; one ERROR when no process can be created. When the script has run for
-// `warningMilliseconds`, logs one WARNING and calls `onSlow`.
+// environment and the other two streams, no other open file if these can be closed, and gets CallerSignals(). Its exit
+// status is ignored. Nothing is logged when it is missing or cannot be executed; one ERROR when no process can be
+// created. When the script has run for `warningMilliseconds`, logs one WARNING and calls `onSlow`.
 void RunStartScript(const std::string &script, const std::function<void()> &onSlow,
                     int warningMilliseconds = kStartScriptWarningMilliseconds);
 

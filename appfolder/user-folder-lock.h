@@ -1,8 +1,7 @@
-#ifndef BRIMLOCK_SERVICE_USER_FOLDER_LOCK_H
-#define BRIMLOCK_SERVICE_USER_FOLDER_LOCK_H
+#ifndef BRIMLOCK_APPFOLDER_USER_FOLDER_LOCK_H
+#define BRIMLOCK_APPFOLDER_USER_FOLDER_LOCK_H
 
 #include <chrono>
-#include <memory>
 #include <string>
 
 #include "fileop/scoped-fd.h"
@@ -15,7 +14,7 @@ public:
     enum Result { HELD, HELD_BY_ANOTHER, NOT_LOCKABLE };
 
     // Waits up to `timeout` for the lock, creating the file. NOT_LOCKABLE: the folder is missing, cannot be written or
-    // supports no locks; what this call has created is removed again.
+    // supports no locks; what this call has created is removed again. Releases a lock that this object holds already.
     Result Acquire(const std::string &folder, std::chrono::milliseconds timeout);
 
     // Removes the file and releases the lock. A file with contents is not the launcher's and is not removed. Does
@@ -31,7 +30,7 @@ private:
     Result Try(const std::string &folder);
 
     std::string path;
-    std::unique_ptr<ScopedFd> file; // open while the lock is held
+    ScopedFd file; // open while the lock is held
 };
 
 #endif

@@ -1,4 +1,4 @@
-#include "service/upgrade-journal.h"
+#include "appfolder/upgrade-journal.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -8,32 +8,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "appfolder/folder-owner.h"
+#include "appfolder/log-component.h"
 #include "fileop/scoped-fd.h"
 #include "log/log.h"
-#include "service/folder-owner.h"
 
 namespace
 {
-const std::string kComponent = "service_debug";
 constexpr mode_t kMode = 0644;
 constexpr size_t kMaxBytes = 4096; // much more than a record has
 constexpr int kFormat = 1;
 const std::string kFormatKey = "format=";
 constexpr const char *kStateNames[] = {"moving", "copying", "installed", "due"}; // in the order of State
 
-// A damaged file is read as this record: the app folder may hold a part of a copy, and no backup is known.
-constexpr UpgradeJournal::Record kUnknown = {UpgradeJournal::COPYING, UpgradeJournal::kNoBackup, true};
+// A damaged file is read as this record.
+constexpr UpgradeJournal::Record kUnknown = {UpgradeJournal::DUE, UpgradeJournal::kNoBackup, false};
 
 // Some file systems do not support fsync() on a folder (EINVAL). There is nothing to flush then.
 bool Flush(int fd)
 {
     return fsync(fd) == 0 || errno == EINVAL;
-}
-
-bool FlushFolder(const std::string &folder)
-{
-    const ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return fd.valid() && Flush(fd.get());
 }
 
 // Whether creating a file has failed because the folder is missing or may not be written.
@@ -75,7 +69,7 @@ std::string ToText(const UpgradeJournal::Record &record)
 {
     const std::string backup = record.backup == UpgradeJournal::kNoBackup ? "none" : std::to_string(record.backup);
     return kFormatKey + std::to_string(kFormat) + "\nstate=" + kStateNames[record.state] + "\nbackup=" + backup +
-           "\ntrusted=" + (record.is_trusted ? "yes" : "no") + "\n";
+           "\ntrusted=" + (record.isTrusted ? "yes" : "no") + "\n";
 }
 
 // The format of a complete text; 0 for any other text.
@@ -121,17 +115,17 @@ UpgradeJournal::ReadResult UpgradeJournal::Read(Record &record) const
     case ABSENT:
         return NONE;
     case FOLDER:
-        LOGGER_ERROR(kComponent, "'%s' is a folder, which is left alone: no upgrade\n", path.c_str());
+        LOGGER_ERROR(kServiceComponent, "'%s' is a folder, which is left alone: no upgrade\n", path.c_str());
         return UNREADABLE;
     case FAILED_TO_READ:
-        LOGGER_ERROR(kComponent, "cannot read '%s': %s (%d)\n", path.c_str(), strerror(errno), errno);
+        LOGGER_ERROR(kServiceComponent, "cannot read '%s': %s (%d)\n", path.c_str(), strerror(errno), errno);
         return UNREADABLE;
     case REGULAR:
     case IRREGULAR:
         break;
     }
     if (FormatOf(text) > kFormat) {
-        LOGGER_ERROR(kComponent, "'%s' has a later format, which is left alone: no upgrade\n", path.c_str());
+        LOGGER_ERROR(kServiceComponent, "'%s' has a later format, which is left alone: no upgrade\n", path.c_str());
         return UNREADABLE;
     }
     record = FromText(text);
@@ -155,7 +149,7 @@ UpgradeJournal::WriteResult UpgradeJournal::WriteNewFile(const std::string &text
 UpgradeJournal::WriteResult UpgradeJournal::Write(const Record &record) const
 {
     WriteResult result = WriteNewFile(ToText(record));
-    if (result == WRITTEN && (rename(newPath.c_str(), path.c_str()) != 0 || !FlushFolder(folder))) {
+    if (result == WRITTEN && (rename(newPath.c_str(), path.c_str()) != 0 || !FlushFolder())) {
         result = FAILED;
     }
     if (result == FAILED) {
@@ -168,11 +162,17 @@ UpgradeJournal::WriteResult UpgradeJournal::Write(const Record &record) const
 
 int UpgradeJournal::Remove() const
 {
-    if (!FlushFolder(folder)) {
+    if (!FlushFolder()) {
         return -1;
     }
     if (unlink(path.c_str()) != 0) {
         return errno == ENOENT ? 0 : -1;
     }
-    return FlushFolder(folder) ? 0 : -1;
+    return FlushFolder() ? 0 : -1;
+}
+
+bool UpgradeJournal::FlushFolder() const
+{
+    const ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.valid() && Flush(fd.get());
 }

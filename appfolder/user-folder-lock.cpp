@@ -1,4 +1,4 @@
-#include "service/user-folder-lock.h"
+#include "appfolder/user-folder-lock.h"
 
 #include <cerrno>
 #include <thread>
@@ -7,13 +7,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "service/folder-owner.h"
+#include "appfolder/folder-owner.h"
 
 namespace
 {
 // Another user who can open the file could lock it too, so only the owner may open it.
 constexpr mode_t kMode = 0600;
 constexpr std::chrono::milliseconds kPollInterval(50);
+constexpr int kRetries = 3;
+
+// The umask may have removed bits, and the owner may have added some since.
+void MakePrivate(int fd)
+{
+    struct stat status = {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
+        fchmod(fd, kMode);
+    }
+}
 
 bool LockWholeFile(int fd)
 {
@@ -41,10 +51,12 @@ bool IsEmptyFile(int fd)
 
 UserFolderLock::Result UserFolderLock::Acquire(const std::string &folder, std::chrono::milliseconds timeout)
 {
+    Release();
     path = folder + "/upgrade.lock";
     const auto end = std::chrono::steady_clock::now() + timeout;
     Result result = Try(folder);
-    if (result == NOT_LOCKABLE && errno == EACCES) { // root may be about to give the file to the folder's owner
+    // EACCES: root may be about to give the file to the folder's owner. ESTALE: another host has removed the file.
+    for (int retry = 0; retry < kRetries && result == NOT_LOCKABLE && (errno == EACCES || errno == ESTALE); ++retry) {
         std::this_thread::sleep_for(kPollInterval);
         result = Try(folder);
     }
@@ -59,41 +71,44 @@ UserFolderLock::Result UserFolderLock::Try(const std::string &folder)
 {
     // Open for writing: NFS grants exclusive locks only on such a descriptor.
     constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    auto opened = std::make_unique<ScopedFd>(open(path.c_str(), flags | O_CREAT | O_EXCL, kMode));
-    const bool isCreated = opened->valid();
-    if (isCreated) {
-        fchmod(opened->get(), kMode); // the umask may have removed bits
-    } else if (errno != EEXIST) {
-        return NOT_LOCKABLE;
-    } else {
-        opened = std::make_unique<ScopedFd>(open(path.c_str(), flags));
-        if (!opened->valid()) {
+    ScopedFd opened(open(path.c_str(), flags | O_CREAT | O_EXCL, kMode));
+    const bool isCreated = opened.valid();
+    if (!isCreated) {
+        if (errno != EEXIST) {
+            return NOT_LOCKABLE;
+        }
+        opened = ScopedFd(open(path.c_str(), flags));
+        if (!opened.valid()) {
             return errno == ENOENT ? HELD_BY_ANOTHER : NOT_LOCKABLE; // ENOENT: it has just been removed
         }
     }
-    const bool isUsable = !isCreated || GiveToFolderOwner(opened->get(), folder);
-    if (isUsable && LockWholeFile(opened->get())) {
-        if (!IsStillNamed(opened->get(), path)) {
+    MakePrivate(opened.get());
+    const bool isUsable = !isCreated || GiveToFolderOwner(opened.get(), folder);
+    if (isUsable && LockWholeFile(opened.get())) {
+        if (!IsStillNamed(opened.get(), path)) {
             return HELD_BY_ANOTHER; // the next try opens the file that has this name now
         }
         file = std::move(opened);
         return HELD;
     }
-    if (isUsable && (errno == EAGAIN || errno == EACCES || errno == EINTR)) {
+    const int error = errno;
+    if (isUsable && (error == EAGAIN || error == EACCES || error == EINTR)) {
         return HELD_BY_ANOTHER;
     }
     if (isCreated) {
         unlink(path.c_str());
     }
+    errno = error;
     return NOT_LOCKABLE;
 }
 
 void UserFolderLock::Release()
 {
-    if (file) {
-        if (IsEmptyFile(file->get()) && IsStillNamed(file->get(), path)) {
-            unlink(path.c_str());
-        }
-        file.reset();
+    if (!file.valid()) {
+        return;
     }
+    if (IsEmptyFile(file.get()) && IsStillNamed(file.get(), path)) {
+        unlink(path.c_str());
+    }
+    file.reset();
 }

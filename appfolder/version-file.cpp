@@ -1,4 +1,4 @@
-#include "service/version-file.h"
+#include "appfolder/version-file.h"
 
 #include <cstdlib>
 

@@ -1,5 +1,5 @@
-#ifndef BRIMLOCK_SERVICE_UPGRADE_JOURNAL_H
-#define BRIMLOCK_SERVICE_UPGRADE_JOURNAL_H
+#ifndef BRIMLOCK_APPFOLDER_UPGRADE_JOURNAL_H
+#define BRIMLOCK_APPFOLDER_UPGRADE_JOURNAL_H
 
 #include <string>
 
@@ -21,7 +21,7 @@ public:
     struct Record {
         State state = DUE;
         int backup = kNoBackup; // the number of a backup name
-        bool is_trusted = true; // whether the copy that is moved aside was complete
+        bool isTrusted = true;  // whether the copy that is moved aside was complete
     };
 
     enum ReadResult { NONE, READ, UNREADABLE };
@@ -29,10 +29,10 @@ public:
     // `userFolder` is the folder that the file lies in.
     explicit UpgradeJournal(const std::string &userFolder);
 
-    // READ: `record` is what the file says. A file that is empty, cut off or not a regular file reads as COPYING
-    // without a backup. UNREADABLE, with one ERROR line: a read error, a record of a later format, or a folder of that
-    // name. `record` is unchanged unless READ is returned. Removes what an interrupted Write() has left beside the
-    // file.
+    // READ: `record` is what the file says. A file that is empty, cut off or not a regular file reads as DUE: it may
+    // lie beside a working copy. UNREADABLE, with one ERROR line: a read error, a record of a later format, or a folder
+    // of that name. `record` is unchanged unless READ is returned. Removes what an interrupted Write() has left beside
+    // the file.
     ReadResult Read(Record &record) const;
 
     enum WriteResult { WRITTEN, FAILED, FOLDER_NOT_WRITABLE };
@@ -45,6 +45,9 @@ public:
     // Removes the file when all earlier changes in the folder are on disk, and returns when it is gone from the disk
     // too. Returns 0, also when there is no such file, or -1 with errno set.
     int Remove() const;
+
+    // Returns when all earlier changes in the folder are on disk. Returns false when they cannot be flushed.
+    bool FlushFolder() const;
 
     const std::string &Path() const { return path; }
 
