@@ -162,7 +162,11 @@ bool AppFolder::Restore(int n) const
     }
     if (PresenceOf(path) == PRESENT) {
         const std::string unfinished = FreeDiscardedName();
-        return !unfinished.empty() && CopyFlushed(backup, path, unfinished);
+        bool isCopied = false;
+        for (int attempt = 0; attempt < kAttempts && !unfinished.empty() && !isCopied; ++attempt) {
+            isCopied = CopyFlushed(backup, path, unfinished);
+        }
+        return isCopied;
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (Rename(backup, path) == 0) {
@@ -179,6 +183,15 @@ bool AppFolder::Restore(int n) const
         rename(discarded.c_str(), path.c_str());
     }
     return false;
+}
+
+void AppFolder::RemoveCopiedBackup(int n) const
+{
+    if (PresenceOf(Backup(n)) == MISSING) {
+        return;
+    }
+    const std::string discarded = RenameToDiscarded(Backup(n));
+    RemoveCopy(discarded.empty() ? Backup(n) : discarded);
 }
 
 bool AppFolder::Discard(const std::string &folder) const
@@ -199,7 +212,10 @@ void AppFolder::RemoveBackups(int last) const
 
 void AppFolder::RemoveDiscarded() const
 {
-    for (int n = 0; n < kDiscardedNames && PresenceOf(path) == PRESENT; ++n) {
-        FSRemove(DiscardedName(n), false);
+    for (int n = 0; n < kDiscardedNames; ++n) {
+        // In this order: without locks, another launcher may just be moving the app folder to this name.
+        if (PresenceOf(DiscardedName(n)) == PRESENT && PresenceOf(path) == PRESENT) {
+            RemoveCopy(DiscardedName(n));
+        }
     }
 }

@@ -43,13 +43,17 @@ public:
     // false when that has failed: the backup is then unchanged, and so is the app folder if nothing could be renamed.
     bool Restore(int n) const;
 
+    // Removes the backup if Restore() has copied it. If that is interrupted, no part of it keeps the name.
+    void RemoveCopiedBackup(int n) const;
+
     // Removes the folder or, if that fails, renames it to a discarded name. Returns false when it still has its name.
     bool Discard(const std::string &folder) const;
 
     // Discards the backups with the numbers 0 to `last`.
     void RemoveBackups(int last) const;
 
-    // Removes what has a discarded name, if there is an app folder: until then, it may be the only copy.
+    // Removes what has a discarded name, also where folders deny writing, if there is an app folder: until then, it
+    // may be the only copy.
     void RemoveDiscarded() const;
 
 private:

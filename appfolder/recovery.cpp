@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "appfolder/log-component.h"
-#include "appfolder/tree-copy.h"
 #include "appfolder/version-file.h"
 #include "log/log.h"
 
@@ -66,7 +65,7 @@ Recovery RestoreBestBackup(const AppFolder &app, const Journal &journal, const R
     LOGGER_NOTE(kServiceComponent, "'%s' was missing, '%s' is used until the next upgrade\n", app.Path().c_str(),
                 app.Backup(best).c_str());
     if (isUpdated) {
-        RemoveCopy(app.Backup(best)); // if it was not renamed
+        app.RemoveCopiedBackup(best);
     }
     return recovery;
 }
@@ -105,7 +104,7 @@ std::optional<Recovery> Undo(const AppFolder &app, const Journal &journal, const
     LOGGER_NOTE(kServiceComponent, "%s", kRecovered);
     Recovery recovery;
     if (EndRecovery(journal, record.isTrusted ? Recovery::INTACT : Recovery::UPGRADE_DUE, recovery)) {
-        RemoveCopy(backup); // if it was not renamed
+        app.RemoveCopiedBackup(record.backup);
     }
     return recovery;
 }

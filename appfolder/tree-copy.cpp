@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "appfolder/log-component.h"
 #include "fileop/file-op.h"
@@ -24,19 +25,24 @@ bool Failed(const std::string &path, int error)
     return false;
 }
 
-bool CopyFile(const std::string &src, mode_t mode, const std::string &dst, const std::string &unfinished)
+bool CopyFile(const std::string &src, mode_t mode, const std::string &dst)
 {
-    const std::string &target = unfinished.empty() ? dst : unfinished;
-    if (FSCopy(src, target, false, true) != 0) {
-        return false; // has logged why
+    // FSCopy() has logged why it failed. The umask may have removed bits of the mode.
+    return FSCopy(src, dst, false, true) == 0 && (chmod(dst.c_str(), mode & kModeBits) == 0 || Failed(src, errno));
+}
+
+// `dst` never has a part of the file.
+bool CopyWholeFile(const std::string &src, mode_t mode, const std::string &dst, const std::string &unfinished)
+{
+    if (link(src.c_str(), dst.c_str()) == 0) {
+        return true; // takes no room
     }
-    if (chmod(target.c_str(), mode & kModeBits) != 0) { // the umask may have removed bits
-        return Failed(src, errno);
-    }
-    if (unfinished.empty()) {
+    if (CopyFile(src, mode, unfinished) && FSFsync(unfinished) == 0 &&
+        (rename(unfinished.c_str(), dst.c_str()) == 0 || Failed(src, errno))) {
         return true;
     }
-    return FSFsync(target) == 0 && (rename(target.c_str(), dst.c_str()) == 0 || Failed(src, errno));
+    unlink(unfinished.c_str());
+    return false;
 }
 
 bool CopyFolder(const std::string &src, mode_t mode, const std::string &dst, const std::string &unfinished)
@@ -81,7 +87,8 @@ bool CopyMissing(const std::string &src, const std::string &dst, const std::stri
     std::string target;
     switch (status.st_mode & S_IFMT) {
     case S_IFREG:
-        return CopyFile(src, status.st_mode, dst, unfinished);
+        return unfinished.empty() ? CopyFile(src, status.st_mode, dst)
+                                  : CopyWholeFile(src, status.st_mode, dst, unfinished);
     case S_IFLNK:
         return FSReadSymbolicLink(src, target) == 0 && FSCreateSymbolicLink(target, dst) == 0;
     default:

@@ -5,8 +5,9 @@
 
 // Copies what `dst` lacks of the tree `src`: files, folders, and links as links, with their modes. Nothing in `dst` is
 // replaced. Sockets, FIFOs and devices are left out. With `unfinished`, a path that does not exist on the file system
-// of `dst`, each file is written there, flushed and renamed: then `dst` never holds a part of a file. Returns false,
-// with ERROR lines, at the first entry that cannot be read or copied; what was copied so far stays.
+// of `dst`, `dst` never holds a part of a file: each file becomes a hard link of that in `src`, which takes no room; if
+// the file system has none, it is written to `unfinished`, flushed and renamed. Returns false, with ERROR lines, at the
+// first entry that cannot be read or copied; what was copied so far stays.
 bool CopyMissing(const std::string &src, const std::string &dst, const std::string &unfinished);
 
 // Removes a tree that CopyMissing() has made or copied completely, also where its folders deny writing. Logs nothing.

@@ -125,7 +125,7 @@ Upgrade::MoveResult Upgrade::MoveCopyTo(int n)
     oldCopy.clear();
     if (!journal.FlushFolder()) {
         if (RestoreJournal()) {
-            RemoveCopy(backup);
+            app.RemoveCopiedBackup(n);
         }
         return TRY_NEXT;
     }
@@ -198,7 +198,7 @@ int Upgrade::RollBack()
     }
     // Only now, because the record of this upgrade would use a backup of which a part is removed.
     if (RestoreJournal()) {
-        RemoveCopy(app.Backup(record.backup)); // if it was not renamed
+        app.RemoveCopiedBackup(record.backup);
     }
     app.RemoveDiscarded();
     return 0;

@@ -56,11 +56,9 @@ UserFolderLock::Result UserFolderLock::Acquire(const std::string &folder, std::c
     const auto end = std::chrono::steady_clock::now() + timeout;
     Result result = Try(folder);
     // EACCES: root may be about to give the file to the folder's owner. ESTALE: another host has removed the file.
-    for (int retry = 0; retry < kRetries && result == NOT_LOCKABLE && (errno == EACCES || errno == ESTALE); ++retry) {
-        std::this_thread::sleep_for(kPollInterval);
-        result = Try(folder);
-    }
-    while (result == HELD_BY_ANOTHER && std::chrono::steady_clock::now() < end) {
+    int retries = kRetries;
+    while ((result == HELD_BY_ANOTHER && std::chrono::steady_clock::now() < end) ||
+           (result == NOT_LOCKABLE && (errno == EACCES || errno == ESTALE) && retries-- > 0)) {
         std::this_thread::sleep_for(kPollInterval);
         result = Try(folder);
     }

@@ -160,6 +160,17 @@ int OpenForCopy(const std::string &path, int flags, mode_t mode)
     return fd;
 }
 
+// Copies from `in` to `dst`, which gets this mode if it is new. Returns what FSCopy() returns.
+int CopyTo(const std::string &dst, mode_t mode, int in, uint64_t size)
+{
+    ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
+    if (!out.valid()) {
+        return -1;
+    }
+    const int result = CopyBytes(in, out.get(), size);
+    return result == 0 && !out.Close() ? WriteFailure() : result;
+}
+
 // Moves a folder to another file system, entry by entry.
 int MoveFolder(const std::string &src, const std::string &dst, bool followLink)
 {
@@ -201,19 +212,18 @@ int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bo
         mode = info.mode;
         size = info.size;
     }
-    ScopedFd out(OpenForCopy(dst, O_WRONLY | O_CREAT | O_TRUNC, mode));
-    if (!out.valid()) {
-        return -1;
-    }
-    int result = CopyBytes(in.get(), out.get(), size);
-    if (result == 0 && !out.Close()) {
-        result = WriteFailure();
-    }
+    const int result = CopyTo(dst, mode, in.get(), size);
     if (result != 0 || !removeSource) {
         return result;
     }
     in.reset();
     return remove(src.c_str()) == 0 ? 0 : -1;
+}
+
+int FSCopyWithMode(const std::string &src, const std::string &dst, uint32_t mode, uint64_t size)
+{
+    const ScopedFd in(OpenForCopy(src, O_RDONLY, 0));
+    return in.valid() ? CopyTo(dst, mode, in.get(), size) : -1;
 }
 
 int FSMKDir(const std::string &path, bool recursive)

@@ -85,6 +85,10 @@ bool hasFilePermission(const std::string &path, int mode);
 // -2: disk full or over quota. A partly written `dst` stays: the caller has the backup and decides.
 int FSCopy(const std::string &src, const std::string &dst, bool removeSource, bool keepMode);
 
+// FSCopy() with keepMode, for a caller that has read the status of `src` itself: the mode and the size from lstat().
+// The size need not be exact.
+int FSCopyWithMode(const std::string &src, const std::string &dst, uint32_t mode, uint64_t size);
+
 // Creates the folder, with mode 0777 less the umask. With `recursive` also creates missing ancestors, which may lie
 // behind links to folders. Returns 0, also when the folder exists or another process creates it at the same moment; -1:
 // empty path, failed lstat(), or the path is not a folder (a link to a folder is not one either); -2: mkdir() failed,

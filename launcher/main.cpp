@@ -102,6 +102,14 @@ void initialize_home()
         setenv("HOME", account->pw_dir, 1);
     }
 }
+
+// Prints Qt's messages, except the one at each start without XDG_RUNTIME_DIR, which concerns nobody.
+void PrintQtMessage(QtMsgType type, const QMessageLogContext &context, const QString &text)
+{
+    if (!text.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR not set"))) {
+        fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, text)));
+    }
+}
 } // namespace
 
 int main(int argc, char **argv)
@@ -114,6 +122,7 @@ int main(int argc, char **argv)
         }
     }
     thread_local RunKeeper keeper;
+    qInstallMessageHandler(PrintQtMessage);
     initialize_home();
     argc = qMin(argc, 1); // Qt must not interpret the arguments either
     QtSingleApplication app(argc, argv, keeper.MayUseDisplay());

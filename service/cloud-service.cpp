@@ -76,6 +76,14 @@ bool IsSameFolder(const std::string &path, const std::string &other)
     std::error_code error;
     return std::filesystem::equivalent(path, other, error);
 }
+
+// Copies an entry that is not a folder. Its mode is read only once.
+int CopyFile(const std::string &src, const std::string &dst, SourceSnapshot *snapshot)
+{
+    const SourceSnapshot::Status status = snapshot != nullptr ? snapshot->Add(src) : SourceSnapshot::Status();
+    return status.size < 0 ? FSCopy(src, dst, false, true)
+                           : FSCopyWithMode(src, dst, status.mode, static_cast<uint64_t>(status.size));
+}
 } // namespace
 
 bool IsUOSDesktop()
@@ -198,11 +206,7 @@ int Service::CopyEntry(const DIR_ENTRY &entry, const std::string &src, const std
 {
     const std::string from = src + "/" + entry.name;
     const std::string to = dst + "/" + entry.name;
-    const bool isFolder = IsFolder(entry, from);
-    if (snapshot != nullptr && !isFolder) {
-        snapshot->Add(from);
-    }
-    const int result = isFolder ? CopyTree(from, to, snapshot) : FSCopy(from, to, false, true);
+    const int result = IsFolder(entry, from) ? CopyTree(from, to, snapshot) : CopyFile(from, to, snapshot);
     if (result < 0) {
         LOGGER_ERROR(kServiceComponent, "FSCopyPath: failed to copy from '%s' to '%s'\n", from.c_str(), to.c_str());
         return -1;

@@ -21,12 +21,14 @@ SourceSnapshot::Status SourceSnapshot::ReadStatus(NeighbourStat &statOf, const s
     return {status.st_mode, status.st_size, status.st_ctim};
 }
 
-void SourceSnapshot::Add(const std::string &path)
+SourceSnapshot::Status SourceSnapshot::Add(const std::string &path)
 {
-    entries.push_back({path, false, ReadStatus(statToAdd, path, false)});
-    if (S_ISLNK(entries.back().status.mode)) {
+    const Status status = ReadStatus(statToAdd, path, false);
+    entries.push_back({path, false, status});
+    if (S_ISLNK(status.mode)) {
         entries.push_back({path, true, ReadStatus(statToAdd, path, true)});
     }
+    return status;
 }
 
 bool SourceSnapshot::HasChanged(bool onlyReadable) const

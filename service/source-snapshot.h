@@ -27,20 +27,22 @@ private:
 class SourceSnapshot
 {
 public:
+    struct Status {
+        mode_t mode = 0;
+        off_t size = -1; // in bytes; -1 when the status could not be read
+        timespec changed = {};
+    };
+
     // To be called before the entry is read. For a symbolic link the file that it points to is added too. An entry that
-    // is missing, or whose status cannot be read, is added as such. `path` is absolute.
-    void Add(const std::string &path);
+    // is missing, or whose status cannot be read, is added as such. `path` is absolute. Returns the status of the entry
+    // itself, as lstat() gives it.
+    Status Add(const std::string &path);
 
     // Reads the status of all entries again and compares. With `onlyReadable`, an entry whose status could not be read,
     // then or now, does not count as changed.
     bool HasChanged(bool onlyReadable) const;
 
 private:
-    struct Status {
-        mode_t mode = 0;
-        off_t size = -1; // in bytes; -1 when the status could not be read
-        timespec changed = {};
-    };
     struct Entry {
         std::string path;
         bool isFollowed; // the entry is what the link `path` points to

@@ -221,7 +221,7 @@ TEST_F(AppFolderTest, AFolderThatCannotBeRenamedIsCopied)
         };
         EXPECT_EQ(InChild(start), 0) << c.prepare << ", journal: " << c.recorded;
     }
-    EXPECT_EQ(Logged("failed to backup app from"), getuid() == 0 ? 44 : 11);
+    EXPECT_EQ(Logged("failed to backup app from"), getuid() == 0 ? 55 : 11);
 }
 
 TEST_F(AppFolderTest, TheJournalIsAheadOfEachStep)

@@ -198,8 +198,8 @@ TEST(LaunchTest, AClientStartsAlsoWhenTheDisplayFails)
         // Also when the caller has blocked the signals of the timer and of a crash.
         MakeStart({"", "new", "true",
                    "export DISPLAY=:" + number +
-                       "; exec env --block-signal=ALRM,ABRT sh -c "
-                       "\". $SURROUNDINGS >home/given; exec $L\""});
+                       "; exec env --block-signal=ALRM,ABRT "
+                       "sh -c \". '$SURROUNDINGS' >home/given; exec $L\""});
         kill(proxy, SIGKILL);
         Wait(proxy);
         unlink((kDisplays + number).c_str());

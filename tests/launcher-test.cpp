@@ -96,22 +96,6 @@ TEST_F(LauncherTest, AStartReachesTheWindowAndTheClient)
     }
 }
 
-TEST(RunKeeperTest, GivesTheDisplayTenSecondsAndTheEndOfTheProcessThree)
-{
-    const auto secondsLeft = [](bool makesRun) {
-        return InChild([&] {
-            static const RunKeeper keeper;
-            if (makesRun) {
-                RunKeeper::RunBegins();
-                RunKeeper::RunEnds();
-            }
-            return static_cast<int>(alarm(0)); // rounded to the nearest second
-        });
-    };
-    EXPECT_EQ(secondsLeft(false), 10);
-    EXPECT_EQ(secondsLeft(true), 3);
-}
-
 static int OverflowStack(int depth)
 {
     volatile char page[4096] = "";
@@ -133,6 +117,22 @@ TEST(RunKeeperTest, AStackOverflowOfTheGuiThreadDoesNotEndTheRun)
         return OverflowStack(0);
     };
     EXPECT_EQ(InChild(overflowDuringRun), 0);
+}
+
+TEST(RunKeeperTest, GivesTheDisplayTenSecondsAndTheEndOfTheProcessThree)
+{
+    const auto secondsLeft = [](bool makesRun) {
+        return InChild([&] {
+            static const RunKeeper keeper;
+            if (makesRun) {
+                RunKeeper::RunBegins();
+                RunKeeper::RunEnds();
+            }
+            return static_cast<int>(alarm(0)); // rounded to the nearest second
+        });
+    };
+    EXPECT_EQ(secondsLeft(false), 10);
+    EXPECT_EQ(secondsLeft(true), 3);
 }
 
 int main(int argc, char **argv)

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>在此计算机与服务器之间同步文件</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>同步;云;云盘;文件;文件夹;共享;备份;上传;存储;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>在這部電腦與伺服器之間同步檔案</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>同步;雲端;雲端硬碟;檔案;資料夾;共用;分享;備份;上傳;儲存空間;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

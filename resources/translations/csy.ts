@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Synchronizace souborů mezi tímto počítačem a serverem</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>synchronizace;cloud;soubory;složky;sdílení;záloha;zálohování;nahrávání;úložiště;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Synkroniser filer mellem denne computer og en server</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>synkronisering;sky;cloud;filer;mapper;deling;sikkerhedskopi;backup;upload;lager;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Keep files in sync between this computer and a server</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>sync;cloud;files;folders;share;backup;upload;storage;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

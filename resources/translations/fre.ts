@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Synchroniser les fichiers entre cet ordinateur et un serveur</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>synchronisation;synchroniser;cloud;nuage;fichiers;dossiers;partage;sauvegarde;téléversement;stockage;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

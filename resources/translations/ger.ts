@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Dateien zwischen diesem Rechner und einem Server abgleichen</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>Synchronisierung;Abgleich;Cloud;Dateien;Ordner;teilen;Freigabe;Sicherung;Backup;hochladen;Speicher;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Fájlok szinkronizálása e számítógép és egy kiszolgáló között</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>szinkronizálás;felhő;fájlok;mappák;megosztás;biztonsági mentés;feltöltés;tárhely;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

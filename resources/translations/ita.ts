@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Sincronizza i file tra questo computer e un server</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>sincronizzazione;sincronizzare;cloud;file;cartelle;condivisione;backup;caricamento;archiviazione;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

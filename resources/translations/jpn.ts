@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>このコンピューターとサーバーの間でファイルを同期します</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>同期;クラウド;ファイル;フォルダー;共有;バックアップ;アップロード;ストレージ;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

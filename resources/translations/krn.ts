@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>이 컴퓨터와 서버 간에 파일을 동기화합니다</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>동기화;클라우드;파일;폴더;공유;백업;업로드;저장소;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Bestanden synchroniseren tussen deze computer en een server</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>synchronisatie;synchroniseren;cloud;bestanden;mappen;delen;back-up;uploaden;opslag;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

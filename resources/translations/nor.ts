@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Synkroniser filer mellom denne datamaskinen og en server</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>synkronisering;sky;skylagring;filer;mapper;deling;sikkerhetskopi;opplasting;lagring;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

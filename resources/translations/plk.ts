@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Synchronizacja plików między tym komputerem a serwerem</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>synchronizacja;chmura;pliki;foldery;udostępnianie;kopia zapasowa;przesyłanie;magazyn;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Sincronize arquivos entre este computador e um servidor</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>sincronização;sincronizar;nuvem;arquivos;pastas;compartilhar;backup;upload;armazenamento;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Sincronizar ficheiros entre este computador e um servidor</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>sincronização;sincronizar;nuvem;ficheiros;pastas;partilhar;cópia de segurança;carregar;armazenamento;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

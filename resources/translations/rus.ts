@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Синхронизация файлов между этим компьютером и сервером</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>синхронизация;облако;файлы;папки;общий доступ;резервная копия;загрузка;хранилище;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Sincronizar archivos entre este equipo y un servidor</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>sincronización;sincronizar;nube;archivos;carpetas;compartir;copia de seguridad;subir;almacenamiento;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Synkronisera filer mellan den här datorn och en server</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>synkronisering;moln;molntjänst;filer;mappar;delning;säkerhetskopia;uppladdning;lagring;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

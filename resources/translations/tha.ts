@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>ซิงค์ไฟล์ระหว่างคอมพิวเตอร์เครื่องนี้กับเซิร์ฟเวอร์</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>ซิงค์;คลาวด์;ไฟล์;โฟลเดอร์;แชร์;สำรองข้อมูล;อัปโหลด;ที่เก็บข้อมูล;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>

@@ -7,6 +7,10 @@
         <source>Keep files in sync between this computer and a server</source>
         <translation>Dosyaları bu bilgisayar ile bir sunucu arasında eşitleyin</translation>
     </message>
+    <message>
+        <source>sync;cloud;files;folders;share;backup;upload;storage;</source>
+        <translation>eşitleme;senkronizasyon;bulut;dosyalar;klasörler;paylaşma;yedekleme;yükleme;depolama;</translation>
+    </message>
 </context>
 <context>
     <name>global</name>
