@@ -139,7 +139,9 @@ std::string AppFolder::CopyToDiscarded(const std::string &folder) const
     if (copy.empty() || CopyFlushed(folder, copy, "")) {
         return copy;
     }
+    const int error = errno;
     RemoveCopy(copy);
+    errno = error;
     return "";
 }
 
@@ -174,14 +176,24 @@ bool AppFolder::Restore(int n) const
         }
     }
     if (errno == EXDEV) {
-        const std::string copy = CopyToDiscarded(backup);
+        std::string copy = CopyToDiscarded(backup);
+        if (copy.empty()) { // an error may be transient, and copies that were interrupted may take the room
+            for (int other = 0; other < kDiscardedNames; ++other) {
+                if (DiscardedName(other) != discarded) {
+                    RemoveCopy(DiscardedName(other));
+                }
+            }
+            copy = CopyToDiscarded(backup);
+        }
         if (!copy.empty() && Rename(copy, path) == 0) {
             return true;
         }
     }
+    const int error = errno;
     if (!discarded.empty()) {
         rename(discarded.c_str(), path.c_str());
     }
+    errno = error;
     return false;
 }
 
