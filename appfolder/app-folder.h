@@ -61,6 +61,8 @@ private:
     std::string DiscardedName(int n) const;
     std::string FreeDiscardedName() const;
     std::string RenameToDiscarded(const std::string &folder) const;
+    bool CompleteFrom(const std::string &backup) const;
+    bool RestoreByCopy(const std::string &backup, const std::string &kept) const;
     bool CopyFlushed(const std::string &src, const std::string &dst, const std::string &unfinished) const;
 
     std::string path;
