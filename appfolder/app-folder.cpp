@@ -139,8 +139,37 @@ std::string AppFolder::CopyToDiscarded(const std::string &folder) const
     if (copy.empty() || CopyFlushed(folder, copy, "")) {
         return copy;
     }
+    const int error = errno;
     RemoveCopy(copy);
+    errno = error;
     return "";
+}
+
+// Copies what the app folder lacks of the backup.
+bool AppFolder::CompleteFrom(const std::string &backup) const
+{
+    const std::string unfinished = FreeDiscardedName();
+    bool isCopied = false;
+    for (int attempt = 0; attempt < kAttempts && !unfinished.empty() && !isCopied; ++attempt) {
+        isCopied = CopyFlushed(backup, path, unfinished);
+    }
+    return isCopied;
+}
+
+// Makes a copy of the backup the missing app folder. If there is no room, removes what has a discarded name, except for
+// `kept`, and tries again: it may be an interrupted copy. Returns false with errno set.
+bool AppFolder::RestoreByCopy(const std::string &backup, const std::string &kept) const
+{
+    std::string copy = CopyToDiscarded(backup);
+    if (copy.empty()) {
+        for (int n = 0; n < kDiscardedNames; ++n) {
+            if (DiscardedName(n) != kept) {
+                RemoveCopy(DiscardedName(n));
+            }
+        }
+        copy = CopyToDiscarded(backup);
+    }
+    return !copy.empty() && Rename(copy, path) == 0;
 }
 
 bool AppFolder::Restore(int n) const
@@ -161,27 +190,21 @@ bool AppFolder::Restore(int n) const
         }
     }
     if (PresenceOf(path) == PRESENT) {
-        const std::string unfinished = FreeDiscardedName();
-        bool isCopied = false;
-        for (int attempt = 0; attempt < kAttempts && !unfinished.empty() && !isCopied; ++attempt) {
-            isCopied = CopyFlushed(backup, path, unfinished);
-        }
-        return isCopied;
+        return CompleteFrom(backup);
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (Rename(backup, path) == 0) {
             return true;
         }
     }
-    if (errno == EXDEV) {
-        const std::string copy = CopyToDiscarded(backup);
-        if (!copy.empty() && Rename(copy, path) == 0) {
-            return true;
-        }
+    if (errno == EXDEV && RestoreByCopy(backup, discarded)) {
+        return true;
     }
+    const int error = errno;
     if (!discarded.empty()) {
         rename(discarded.c_str(), path.c_str());
     }
+    errno = error;
     return false;
 }
 

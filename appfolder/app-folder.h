@@ -40,7 +40,8 @@ public:
     // Where the file system does not rename the backup, it is copied, flushed, and keeps its name until the caller
     // removes it.
     // Entries that can be neither renamed nor removed stay; then only what is missing beside them is copied. Returns
-    // false when that has failed: the backup is then unchanged, and so is the app folder if nothing could be renamed.
+    // false when that has failed: the backup is then unchanged, and so is the app folder if the user's folder may not
+    // be written.
     bool Restore(int n) const;
 
     // Removes the backup if Restore() has copied it. If that is interrupted, no part of it keeps the name.
@@ -60,6 +61,8 @@ private:
     std::string DiscardedName(int n) const;
     std::string FreeDiscardedName() const;
     std::string RenameToDiscarded(const std::string &folder) const;
+    bool CompleteFrom(const std::string &backup) const;
+    bool RestoreByCopy(const std::string &backup, const std::string &kept) const;
     bool CopyFlushed(const std::string &src, const std::string &dst, const std::string &unfinished) const;
 
     std::string path;

@@ -15,7 +15,7 @@ struct Recovery {
     };
 
     Condition condition = INTACT;
-    std::optional<UpgradeJournal::Record> record; // in the journal while no upgrade is made; empty: no journal
+    std::optional<UpgradeJournal::Record> record; // what the journal is to hold while no upgrade is made
 };
 
 // Finishes or undoes an upgrade that was interrupted. When the app folder is missing, makes the backup with the highest

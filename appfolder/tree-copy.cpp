@@ -41,7 +41,9 @@ bool CopyWholeFile(const std::string &src, mode_t mode, const std::string &dst, 
         (rename(unfinished.c_str(), dst.c_str()) == 0 || Failed(src, errno))) {
         return true;
     }
+    const int error = errno;
     unlink(unfinished.c_str());
+    errno = error;
     return false;
 }
 

@@ -10,7 +10,7 @@
 // first entry that cannot be read or copied; what was copied so far stays.
 bool CopyMissing(const std::string &src, const std::string &dst, const std::string &unfinished);
 
-// Removes a tree that CopyMissing() has made or copied completely, also where its folders deny writing. Logs nothing.
+// Removes a tree, also where its folders deny writing. Logs nothing.
 void RemoveCopy(const std::string &path);
 
 #endif

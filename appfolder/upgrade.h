@@ -29,7 +29,7 @@ public:
     // Whether MoveAside() has found an app folder.
     bool HasOldCopy() const { return hasOldCopy; }
 
-    // To be called before the first byte of the new copy is written. Returns 0, or -1 with one ERROR line when the copy
+    // To be called before the first byte of the new copy is written. Returns 0, or -1 with ERROR lines when the copy
     // must not be made; the old copy is then the app folder again, as after RollBack().
     int BeginCopy();
 

@@ -93,7 +93,7 @@ UserFolderLock::Result UserFolderLock::Try(const std::string &folder)
     if (isUsable && (error == EAGAIN || error == EACCES || error == EINTR)) {
         return HELD_BY_ANOTHER;
     }
-    if (isCreated) {
+    if (isCreated && IsStillNamed(opened.get(), path)) {
         unlink(path.c_str());
     }
     errno = error;

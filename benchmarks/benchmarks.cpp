@@ -290,8 +290,9 @@ void MeasureUpgradeOnDisk(const fs::path &prefix, const fs::path &folder, const 
     fs::copy(prefix, folder / "prefix", fs::copy_options::recursive);
     const Installation installation(folder / "prefix", folder / "home");
     const auto print = [&](const std::string &files, const Pair &pair, const char *toReach) {
-        pair.Print(("whole upgrade less the start, 300 MB in " + files + ", on " + type).c_str(),
-                   "`cp -r` and `sync -f`", toReach);
+        pair.Print(
+            ("whole upgrade less the start, 300 MB in " + files + ", on " + (type == "xfs" ? "XFS" : type)).c_str(),
+            "`cp -r` and `sync -f`", toReach);
     };
     const fs::path files = installation.MakePackage("files", 3000, 100'000);
     print("3,000 files", installation.Compare(files, CopyWithCpAndFlush, 11), type == "ext4" ? "≤ 1.15" : "≤ 1.50");

@@ -1,5 +1,5 @@
-# home.sh FILE_SYSTEM make STATE: makes the image "disks/live" with this file system, the package and
-# a home, and mounts it.
+# home.sh FILE_SYSTEM make STATE: makes the image "disks/live" with this file system, the package
+# and a home, and mounts it.
 # home.sh FILE_SYSTEM mount: mounts the image.
 set -eu
 case $1 in

@@ -72,6 +72,8 @@ public:
     // could not be restored, keeps its backup name until the next recovery. Without an old copy, what was written of
     // the new one stays.
     //
+    // CopyPackage() fills the registered app folder: a subclass with another `app_path` must override it too.
+    //
     // Recovers from an earlier upgrade first, unless OpenUserFolder() has done it for this path since the last upgrade.
     // Without an old copy, copies up to three times when the package changes meanwhile. With one, does not copy again:
     // the next start upgrades, and a second copy could mix two versions unnoticed if the package is replaced file by
