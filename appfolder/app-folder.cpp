@@ -135,7 +135,7 @@ bool AppFolder::CopyFlushed(const std::string &src, const std::string &dst, cons
 
 std::string AppFolder::CopyToDiscarded(const std::string &folder) const
 {
-    const std::string copy = FreeDiscardedName();
+    std::string copy = FreeDiscardedName();
     if (copy.empty() || CopyFlushed(folder, copy, "")) {
         return copy;
     }

@@ -21,7 +21,7 @@
 namespace
 {
 constexpr size_t kCopyBytes = 8192;
-constexpr uint64_t kKernelCopyBytes = 32 * 1024; // for a smaller file the two system calls cost more than they save
+constexpr uint64_t kKernelCopyBytes = 32UL * 1024; // for a smaller file the two system calls cost more than they save
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kNewFolderMode = 0777;
 

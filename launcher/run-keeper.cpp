@@ -20,7 +20,7 @@ constexpr char kMark[] = "BRIMLOCK_LAUNCHER_STARTED_OVER";
 constexpr unsigned int kDisplaySeconds = 10;
 constexpr unsigned int kEndSeconds = 3;
 constexpr useconds_t kPollMicroseconds = 10000;
-constexpr size_t kSignalStackBytes = 64 * 1024;
+constexpr size_t kSignalStackBytes = 64UL * 1024;
 constexpr char kCouldNotStart[] = "launcher: could not be started, with the display or without\n";
 
 // None of these may end an upgrade half-way: the end of a session, a write to a pipe that nobody reads, a file that

@@ -280,19 +280,19 @@ TEST_F(AppFolderTest, ASecondLauncherWaitsForTheFirst)
 
 TEST_F(AppFolderTest, OneProcessAtATimeHoldsTheLock)
 {
-    std::vector<pid_t> processes;
-    for (int process = 0; process < 4; ++process) {
-        processes.push_back(Spawn([this] {
+    pid_t processes[4];
+    for (pid_t &process : processes) {
+        process = Spawn([this] {
             const time_t end = time(nullptr) + 2;
-            int twice = 0;
+            bool isHeldTwice = false;
             while (time(nullptr) < end) {
                 UserFolderLock lock;
                 lock.Acquire(Path("base"), std::chrono::seconds(30));
-                twice += mkdir(Path("holder").c_str(), 0700) != 0;
+                isHeldTwice |= mkdir(Path("holder").c_str(), 0700) != 0;
                 rmdir(Path("holder").c_str());
             }
-            return twice;
-        }));
+            return isHeldTwice;
+        });
     }
     for (const pid_t process : processes) {
         EXPECT_EQ(Wait(process), 0);
