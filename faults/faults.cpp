@@ -361,6 +361,9 @@ void HitCalls(const Flow &flow, Fault fault, int stride)
     // Without an old copy there is room for one client: too little to replace a copy that was cut
     // when it was complete, but not yet recorded.
     const Expected afterGoodStart = flow.expected == EXITS ? NEW_COPY : NEW_COPY_ALONE;
+    // On an overlay, even removing a file needs room.
+    const bool isStuck = mounted == "overlay" && fault == FULL_DISK;
+    const Expected expected = isStuck ? EXITS : flow.expected;
     bool isHit = true;
     for (int call = RandomBelow(stride); isHit; call += stride) {
         Load("begin");
@@ -368,12 +371,12 @@ void HitCalls(const Flow &flow, Fault fault, int stride)
         const std::string where = row + " at call " + std::to_string(call) + ", " + start.hit;
         isHit = !start.hit.empty();
         Expect(start.calls > 0, where + "no call is made");
-        Check(where, start, flow.expected);
+        Check(where, start, expected);
         Save("hit");
         Shell("rm -f disk/fill");
         Check(where + ", then a good start", Start(false), afterGoodStart);
         Load("hit");
-        Check(where + ", then a start that fails", Start(true), flow.expected);
+        Check(where + ", then a start that fails", Start(true), expected);
         Shell("rm -f disk/fill disk/ballast");
         Check(where + ", then that and a good start", Start(false), NEW_COPY_ALONE);
     }
@@ -386,6 +389,7 @@ void RandomSequences(int count)
     for (int sequence = 0; sequence < count; ++sequence) {
         std::string done = "sequence " + std::to_string(sequence);
         MakeHome("ext4", RandomBelow(2) == 0 ? "upgrade" : "stale");
+        Save("begin"); // flushes it: the first power cut must not lose the old copy
         for (int starts = 2 + RandomBelow(5); starts > 0; --starts) {
             const bool isPackageBroken = RandomBelow(2) == 0;
             const Fault fault = std::array{KILL, POWER_CUT, POWER_CUT_AFTER_COMMIT}[RandomBelow(3)];
@@ -416,7 +420,7 @@ void Waits()
 {
     MakeHome("ext4", "upgrade");
     Shell("cp -a home other; install -o 65534 /dev/null other/.Brimlock/upgrade.lock; rm started; "
-          "echo \"[ -e $PWD/slept ] || { >$PWD/slept; sleep 62; }\" "
+          "echo \"[ -e $PWD/slept ] || { >$PWD/slept; sleep 70; }\" "
           ">>opt/package/larkspire/package/start-stop");
     const int lock = open("other/.Brimlock/upgrade.lock", O_RDWR | O_CLOEXEC);
     Expect(lockf(lock, F_TLOCK, 0) == 0, "the lock");

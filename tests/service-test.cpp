@@ -41,7 +41,7 @@ TEST_F(ServiceTest, StopsTheClientButNoOtherProcessWithItsId)
     const Client clients[] = {{Path("real/app/client"), ":", "1 minute ago", SIGTERM, 0},
                               {app + "/stubborn", "trap : TERM", "1 minute ago", SIGKILL, 5},
                               {Path("another"), ":", "1 second ago", SIGTERM, 0},
-                              {Path("inherited"), ":", "4 seconds ago", SIGUSR1, 0}};
+                              {Path("inherit(ed)"), ":", "4 seconds ago", SIGUSR1, 0}};
     for (const Client &c : clients) {
         const pid_t client = StartClient(c.program, c.before);
         GivenPid(std::to_string(client));
