@@ -1,13 +1,8 @@
 // How the user's copy is replaced, and how an upgrade that was interrupted is finished or undone.
 
-#include <cstddef>
-
 #include <linux/capability.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 
 #include "launcher/launcher.h"
@@ -19,18 +14,6 @@ const std::string kTenBackups = "tmp tmp1 tmp2 tmp3 tmp4 tmp5 tmp6 tmp7 tmp8 tmp
 const std::string kTenDiscarded =
     "discarded discarded1 discarded2 discarded3 discarded4 discarded5 discarded6 discarded7 "
     "discarded8 discarded9";
-
-// From now on this system call has this seccomp result in this process. No call has the number -1.
-void Filter(unsigned int call, unsigned int result)
-{
-    sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
-                            BPF_STMT(BPF_RET | BPF_K, result),
-                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog program = {4, filter};
-    EXPECT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    EXPECT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
-}
 
 // From now on no file in this process grows beyond the size of a record with this state.
 void LimitFilesToRecord(const std::string &state)

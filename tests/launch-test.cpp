@@ -1,10 +1,8 @@
 // Tests the installed program, started by an unprivileged user.
 
 #include <cstddef>
-#include <thread>
 
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -217,11 +215,6 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
         "n=6; for v in XDG_RUNTIME_DIR TMPDIR XDG_DATA_HOME USER A B; do "
         "n=$((n - 1)); (sleep 0.$n; exec env $v=/x $L) & done; wait; cp inherited home/given; exit",
         "until [ $(grep -c 'app has already launched, return' $LOG) = 5 ]; do sleep 0.01; done"};
-    const pid_t busy = Spawn([] { // another program of the user, with two threads
-        BecomeUnprivileged();
-        prctl(PR_SET_DUMPABLE, 1); // /proc shows the process as the user's
-        return std::thread(pause).join(), 0;
-    });
     // Another user may hold the name: and accept connections, not listen, or have a full queue.
     // Only a test that runs as root can be this other user.
     enum Holder { kNobodyElse, kAnswers, kSilent, kFull };
@@ -237,6 +230,4 @@ TEST(LaunchTest, OneLauncherOfAUserRunsAtATime)
         close(listener);
         close(caller);
     }
-    kill(busy, SIGKILL);
-    Wait(busy);
 }

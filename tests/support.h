@@ -2,6 +2,7 @@
 #define BRIMLOCK_TESTS_SUPPORT_H
 
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -12,6 +13,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -87,6 +91,20 @@ inline int Wait(pid_t child, int milliseconds = kWaitMilliseconds)
 inline int InChild(const std::function<int()> &body)
 {
     return Wait(Spawn(body));
+}
+
+// From now on this system call has this seccomp result in this process. No call has the number -1.
+inline void Filter(unsigned int call, unsigned int result)
+{
+    sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+                            BPF_STMT(BPF_RET | BPF_K, result),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program = {4, filter};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+        abort();
+    }
 }
 
 // The rows CALL(call, result) of a table. The calls are made in this order.
